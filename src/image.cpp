@@ -1,0 +1,170 @@
+// The library frame: the transform tables, the default host record and
+// logger, and the one-call thumbnail with its JPEG route.
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+
+#include "image_internal.h"
+
+// ---------------------------------------------------------------------------
+// Transform tables
+
+extern "C" {
+
+const uint32_t image_orientation2xform[9] = {0, 0, 1, 6, 2, 3, 5, 4, 7};
+
+const uint8_t image_xform_xform_table[8][8] = {
+    {0, 1, 2, 3, 4, 5, 6, 7}, {1, 0, 6, 7, 5, 4, 2, 3},
+    {2, 6, 0, 5, 7, 3, 1, 4}, {3, 5, 7, 0, 6, 1, 4, 2},
+    {4, 7, 5, 6, 0, 2, 3, 1}, {5, 3, 4, 2, 1, 6, 7, 0},
+    {6, 2, 1, 4, 3, 7, 0, 5}, {7, 4, 3, 1, 2, 0, 5, 6},
+};
+
+const uint8_t image_reverse_xform_table[8] = {0, 1, 2, 3, 4, 7, 6, 5};
+
+}  // extern "C"
+
+// ---------------------------------------------------------------------------
+// Default host record
+
+namespace {
+
+void *default_alloc(void *, size_t size) { return std::malloc(size); }
+void default_free(void *, void *ptr) { std::free(ptr); }
+
+// Writes only for levels above 0. The default record logs errors at level
+// 0, so a thumbnail made with it is silent.
+void default_log(int32_t level, void *, int32_t, const char *file,
+                 int32_t line, const char *format, ...)
+{
+    if (level <= 0)
+        return;
+    static constexpr const char *kNames[4] = {"error", "warn", "info", "debug"};
+    std::fprintf(stderr, "%s:%d (%s)", file, line, kNames[level & 3]);
+    va_list ap;
+    va_start(ap, format);
+    std::vfprintf(stderr, format, ap);
+    va_end(ap);
+}
+
+constexpr image_ctx default_ctx()
+{
+    return image_ctx{nullptr, default_alloc, default_free, default_log, 0, 1, 2, 3};
+}
+
+// Thumbnail defaults; the call's width, height and quality replace theirs.
+constexpr image_scale_params kThumbDefaults{
+    IMAGE_SCALE_FIT_BOX_PAD, 128, 128, 10.0, 85, 0, 0};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// JPEG route
+
+// The frame holds the jump target for the decompressor, so it keeps no
+// object with a destructor; the teardown at its end serves every path.
+int32_t image_thumb_from_jpeg(const image_ctx *ctx, const char *path,
+                              const char *output,
+                              const image_scale_params *params,
+                              image_xform xform)
+{
+    const image_hw_level level = utils_check_hw();
+    FILE *first = std::fopen(path, "rb");
+    if (!first) {
+        IMAGE_LOG(ctx, IMAGE_RC_NOT_FOUND, "image_jpeg", 3069, "Cannot read %s", path);
+        return IMAGE_RC_NOT_FOUND;
+    }
+
+    image_jcache cache;
+    image_jpeg_error err;
+    // Changed after setjmp and read after a jump: kept out of registers.
+    FILE *volatile second = nullptr;
+    volatile int32_t result = IMAGE_RC_OK;
+
+    image_jpeg_jcache_init(&cache, &err.mgr);
+    err.mgr.error_exit = image_jpeg_error_exit;
+    if (setjmp(err.jump)) {
+        IMAGE_LOG(ctx, IMAGE_RC_FAILED, "image_jpeg", 3077,
+                  "Libjpeg call error handler. Aborting...");
+        result = IMAGE_RC_FAILED;
+    } else {
+        jpeg_create_decompress(&cache.cinfo);
+        jpeg_stdio_src(&cache.cinfo, first);
+        // ICC profiles live in APP2; the cache looks for an Adobe RGB one.
+        jpeg_save_markers(&cache.cinfo, JPEG_APP0 + 2, 0xFFFF);
+        jpeg_read_header(&cache.cinfo, TRUE);
+        jpeg_calc_output_dimensions(&cache.cinfo);
+        if (cache.cinfo.image_width == 0 || cache.cinfo.image_height == 0) {
+            IMAGE_LOG(ctx, IMAGE_RC_FAILED, "image_jpeg", 3091,
+                      "Bad image size %d x %d", int(cache.cinfo.image_width),
+                      int(cache.cinfo.image_height));
+            result = IMAGE_RC_FAILED;
+        } else if (FILE *reopened = std::fopen(path, "rb"); !reopened) {
+            IMAGE_LOG(ctx, IMAGE_RC_NOT_FOUND, "image_jpeg", 3098,
+                      "Error cannot find %s", path);
+            result = IMAGE_RC_NOT_FOUND;
+        } else {
+            second = reopened;
+            // The decompressor reads on from the first handle; the second is
+            // the rewindable stream a re-decode at another scale needs.
+            const int32_t rc = image_jpeg_scale(level, &cache, reopened, output,
+                                                xform, params, nullptr, nullptr);
+            if (rc != 0) {
+                IMAGE_LOG(ctx, IMAGE_RC_FAILED, "image_jpeg", 3106,
+                          "Error during image scaler (ret=%d)", int(rc));
+                result = IMAGE_RC_FAILED;
+            } else {
+                jpeg_finish_decompress(&cache.cinfo);
+            }
+        }
+    }
+    jpeg_destroy_decompress(&cache.cinfo);
+    image_jpeg_jcache_clean(&cache);
+    std::fclose(first);
+    if (second)
+        std::fclose(second);
+    return result;
+}
+
+// ---------------------------------------------------------------------------
+// Thumbnail entry
+
+extern "C" QB_API int32_t easy_image_create_thumb(const char *path,
+                                                  const char *output,
+                                                  int32_t width, int32_t height,
+                                                  int32_t quality,
+                                                  uint32_t background)
+{
+    (void)background;  // only the PNG route reads it
+    const image_ctx ctx = default_ctx();
+    const char *dot = path ? std::strrchr(path, '.') : nullptr;
+    if (!dot)
+        return IMAGE_RC_NOT_FOUND;
+    if (!output)
+        return IMAGE_RC_FAILED;
+
+    const image_media_type type = utils_get_media_type(dot + 1);
+    image_xform xform = IMAGE_XFORM_NONE;
+    switch (type) {
+    case IMAGE_MEDIA_JPEG:
+        // Interim: no orientation is read yet, the thumbnail is not turned.
+        break;
+    case IMAGE_MEDIA_RAW:  // Interim: RAW files have no route yet.
+    case IMAGE_MEDIA_PNG:  // Interim: PNG files have no route yet.
+    default:
+        return IMAGE_RC_FAILED;
+    }
+
+    image_scale_params params = kThumbDefaults;
+    params.width = width;
+    params.height = height;
+    params.quality = quality;
+    return image_thumb_from_jpeg(&ctx, path, output, &params, xform);
+}
+
+extern "C" QB_API int32_t image_metadata_get_xml_using_libexiv2(void *, void *,
+                                                                int32_t, void *,
+                                                                void *)
+{
+    return -1;  // there is no XML metadata facility
+}

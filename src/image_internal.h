@@ -1,0 +1,103 @@
+// Internal declarations shared by the library's units and its tests.
+// Nothing here is exported from the shared object.
+#pragma once
+
+#include <csetjmp>
+#include <cstdint>
+#include <cstdio>
+
+#include "qbimage.h"
+#include "resample/resample.h"
+
+// A libjpeg error manager with a jump buffer right behind it. Each libjpeg
+// object of the library has its own; image_jpeg_error_exit finds the buffer
+// through the object's `err` pointer and jumps there, so a fatal libjpeg
+// error never returns into libjpeg and its message is never printed.
+struct image_jpeg_error {
+    struct jpeg_error_mgr mgr;
+    jmp_buf jump;
+};
+
+extern "C" void image_jpeg_error_exit(j_common_ptr cinfo);
+
+// Fill `err` with libjpeg's defaults and install image_jpeg_error_exit.
+// Returns the manager to hand to libjpeg.
+struct jpeg_error_mgr *image_jpeg_error_init(image_jpeg_error *err);
+
+// ---- row store ----
+image_rows image_rows_alloc(uint32_t width, uint32_t height,
+                            uint32_t components);
+void image_rows_free(image_rows rows, uint32_t height, int owned);
+void image_rows_rotate(const image_rows source, image_rows target,
+                       image_xform xform, uint32_t width, uint32_t height,
+                       uint32_t components);
+
+// ---- planner ----
+struct image_scale_plan {
+    int32_t width;
+    int32_t height;
+    int32_t crop_x;
+    int32_t crop_y;
+    uint32_t scale_num;
+    uint32_t scale_denom;
+    image_resample_fn resampler;  // null: the decoded rows need no resampling
+    double ratio;
+    int32_t valid;  // 0: the request cannot be planned (see planner)
+};
+
+image_scale_plan image_scale_plan_make(const image_jcache *cache,
+                                       const image_scale_params *params,
+                                       int no_stream, image_xform xform);
+image_scale_plan image_scale_plan_for_size(int32_t sw, int32_t sh,
+                                           const image_scale_params *params,
+                                           int no_stream, image_xform xform);
+void image_plan_ratio(int32_t source, int32_t target, int no_stream,
+                      image_scale_plan *plan);
+void image_plan_ratio_dct(int32_t source, int32_t target,
+                          image_scale_plan *plan);
+void image_plan_ratio_rows(int32_t source, int32_t target,
+                           image_scale_plan *plan);
+int32_t image_plan_crop(int32_t source, int32_t target,
+                        const image_scale_plan *plan);
+
+// ---- decode cache and encoder ----
+int image_jpeg_is_adobe_rgb(j_decompress_ptr cinfo);
+int image_jcache_decode(image_jcache *cache, FILE *stream, uint32_t scale_num,
+                        uint32_t scale_denom);
+int image_jpeg_encode(FILE *stream, uint32_t width, uint32_t height,
+                      int32_t quality, int32_t full_chroma, int32_t components,
+                      J_COLOR_SPACE color_space, int stamp, uint32_t orientation,
+                      const char *thumb_path, image_rows rows);
+
+// Results of image_jpeg_scale.
+constexpr int32_t IMAGE_SCALE_OK = 0;
+constexpr int32_t IMAGE_SCALE_NO_OUTPUT = -1;  // output cannot be opened
+// The picture cannot be produced: the encoder failed, or (before the output
+// is opened) the request cannot be planned or working memory is short.
+constexpr int32_t IMAGE_SCALE_FAILED = -2;
+
+// ---- later stages of the pipeline ----
+int image_exif_stamp_write(j_compress_ptr cinfo, uint32_t orientation,
+                           const char *thumb_path);
+size_t image_put_u16(uint8_t *p, uint16_t v);
+size_t image_put_u32(uint8_t *p, uint32_t v);
+size_t image_put_ifd_entry(uint8_t *p, uint16_t tag, uint16_t type,
+                           uint32_t count, uint32_t value);
+int image_overlay_blend(image_rows rows, uint32_t width, uint32_t height,
+                        int32_t components, J_COLOR_SPACE color_space,
+                        image_overlay *overlay);
+uint8_t image_blend_byte(uint8_t base, uint8_t top, double opacity);
+
+// ---- thumbnail routes ----
+int32_t image_thumb_from_jpeg(const image_ctx *ctx, const char *path,
+                              const char *output,
+                              const image_scale_params *params,
+                              image_xform xform);
+
+// Log through the host's callback, always at level_error.
+#define IMAGE_LOG(ctx, code, file, line, ...)                                 \
+    do {                                                                      \
+        if ((ctx)->log)                                                       \
+            (ctx)->log((ctx)->level_error, (ctx)->user, (code), (file),       \
+                       (line), __VA_ARGS__);                                  \
+    } while (0)

@@ -1,0 +1,72 @@
+// Resampling engine: two filters (box average, bicubic), each in numeric
+// forms that the dispatchers choose by processor level and component count.
+// All work happens in linear light.
+#pragma once
+
+#include <cstdint>
+
+#include "qbimage.h"
+
+extern "C" {
+
+// Signature shared by both dispatchers and every numeric form (the forms
+// take the same arguments less `level`).
+typedef void (*image_resample_fn)(int32_t level, const image_rows src_rows,
+                                  image_rows dst_rows, int32_t x_offset,
+                                  int32_t y_offset, int32_t src_width,
+                                  double ratio, int32_t src_height,
+                                  int32_t dst_width, int32_t dst_height,
+                                  int32_t components, int32_t adobe);
+
+void image_resample_box(int32_t level, const image_rows src_rows,
+                        image_rows dst_rows, int32_t x_offset,
+                        int32_t y_offset, int32_t src_width, double ratio,
+                        int32_t src_height, int32_t dst_width,
+                        int32_t dst_height, int32_t components, int32_t adobe);
+
+void image_resample_bicubic(int32_t level, const image_rows src_rows,
+                            image_rows dst_rows, int32_t x_offset,
+                            int32_t y_offset, int32_t src_width, double ratio,
+                            int32_t src_height, int32_t dst_width,
+                            int32_t dst_height, int32_t components,
+                            int32_t adobe);
+
+}  // extern "C"
+
+// ---- constant tables (tables.cpp) ----
+extern const double image_lin_double[256];
+extern const float image_lin_float[256];
+extern const int32_t image_lin_fixed[256];
+extern const uint8_t image_gamma_fixed[4096];
+extern const float image_adobe_matrix[9];
+extern const int32_t image_adobe_matrix_fixed[9];
+
+// ---- encoders (tables.cpp) ----
+uint8_t image_linear_to_byte(double x);
+uint8_t image_fixed_to_byte(int32_t v);
+
+// ---- double forms ----
+void image_resample_box_double(const image_rows src_rows, image_rows dst_rows,
+                               int32_t x_offset, int32_t y_offset,
+                               int32_t src_width, double ratio,
+                               int32_t src_height, int32_t dst_width,
+                               int32_t dst_height, int32_t components,
+                               int32_t adobe);
+void image_box_accumulate_double(const uint8_t *samples, double *current,
+                                 double *next, int32_t n, int32_t adobe,
+                                 double weight);
+void image_box_row_double(uint8_t *dst_row, const double *current,
+                          double row_weight, int32_t src_width,
+                          int32_t dst_width, int32_t components, double ratio);
+
+void image_resample_bicubic_double(const image_rows src_rows,
+                                   image_rows dst_rows, int32_t x_offset,
+                                   int32_t y_offset, int32_t src_width,
+                                   double ratio, int32_t src_height,
+                                   int32_t dst_width, int32_t dst_height,
+                                   int32_t components, int32_t adobe);
+void image_bicubic_pixel_double(const image_rows src_rows, image_rows dst_rows,
+                                int32_t src_width, int32_t src_height,
+                                int32_t x, int32_t y, int32_t components,
+                                int32_t adobe, double px, double py);
+double image_bicubic_weight_double(int32_t index, double position);
