@@ -283,6 +283,17 @@ QB_API int32_t image_jpeg_transform(const char *path, const char *output,
                                     image_xform xform, const image_crop *crop,
                                     int32_t quality);
 
+/* Write a JPEG preview of the camera RAW file at raw_path to jpeg_path: the
+ * camera's embedded JPEG preview, unchanged, if it has one of at least 1920
+ * pixels on its larger side and force_decode is 0; else the demosaiced
+ * sensor data at full size, turned by xform (2 to 7; 0 and 1 leave it as
+ * stored). Returns 0, -1 (LibRaw or the rotation failed), -2 (jpeg_path
+ * cannot be written) or -4 (not a three-colour picture). */
+QB_API int32_t image_raw_to_preview_jpeg(const char *raw_path,
+                                         const char *jpeg_path,
+                                         int32_t force_decode, int32_t xform,
+                                         int32_t quality);
+
 /* @@MORE-FUNCTIONS@@ */
 
 /* There is no XML metadata facility: always returns -1. */

@@ -146,9 +146,16 @@ extern "C" QB_API int32_t easy_image_create_thumb(const char *path,
     const image_media_type type = utils_get_media_type(dot + 1);
     image_xform xform = IMAGE_XFORM_NONE;
     switch (type) {
-    case IMAGE_MEDIA_JPEG:
-        // Interim: no orientation is read yet, the thumbnail is not turned.
+    case IMAGE_MEDIA_JPEG: {
+        // The orientation stands the thumbnail upright. A failed metadata
+        // read is no reason to refuse the thumbnail: it just stays unturned.
+        image_metadata meta;
+        meta.orientation_valid = 0;
+        image_get_metadata(&ctx, path, type, &meta);
+        if (meta.orientation_valid && meta.orientation <= 8)
+            xform = image_orientation2xform[meta.orientation];
         break;
+    }
     case IMAGE_MEDIA_RAW:  // Interim: RAW files have no route yet.
     case IMAGE_MEDIA_PNG:  // Interim: PNG files have no route yet.
     default:

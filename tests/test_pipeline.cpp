@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "image_internal.h"
+#include "exif_writer.h"
 #include "test_jpeg.h"
 
 using qbtest::Picture;
@@ -469,6 +470,50 @@ TEST(Thumb, MakesTheExactBoxFromManyKindsOfJpeg)
         const int ph = width_meets ? int(lround(double(c.h) * c.bw / c.w)) : c.bh;
         const int px = (c.bw - pw + 1) / 2 + 3, py = (c.bh - ph + 1) / 2 + 3;
         EXPECT_TRUE(qbtest::is_reddish(pic.at(px, py), c.comps)) << c.what;
+    }
+}
+
+// A picture stored with each Exif orientation comes out upright: the
+// stored pixels are the upright picture turned by the inverse of what the
+// orientation asks for.
+TEST(Thumb, ExifOrientationStandsThumbnailsUpright)
+{
+    TempDir tmp;
+    const Picture upright = qbtest::make_picture(160, 96, 3);
+    for (uint16_t orientation = 1; orientation <= 8; ++orientation) {
+        const uint32_t undo = image_reverse_xform_table[image_orientation2xform[orientation]];
+        const bool swap = exchanges(undo);
+        Picture stored;
+        stored.width = swap ? upright.height : upright.width;
+        stored.height = swap ? upright.width : upright.height;
+        stored.components = 3;
+        image_rows a = image_rows_alloc(160, 96, 3);
+        image_rows b = image_rows_alloc(uint32_t(stored.width), uint32_t(stored.height), 3);
+        for (int y = 0; y < 96; ++y)
+            std::memcpy(a[y], upright.at(0, y), 160 * 3);
+        image_rows_rotate(a, b, undo, 160, 96, 3);
+        stored.pixels.resize(size_t(stored.width) * stored.height * 3);
+        for (int y = 0; y < stored.height; ++y)
+            std::memcpy(stored.at(0, y), b[y], size_t(stored.width) * 3);
+        image_rows_free(a, 96, 1);
+        image_rows_free(b, uint32_t(stored.height), 1);
+
+        qbtest::ExifBlock exif;
+        exif.big_endian = orientation % 2 == 0;
+        exif.ifd0.push_back(qbtest::exif_short(274, {orientation}));
+        qbtest::JpegOptions opt;
+        opt.write_jfif = false;
+        opt.markers.push_back({JPEG_APP0 + 1, qbtest::build_exif(exif)});
+        const std::string in = tmp.path("o.jpg"), out = tmp.path("t.jpg");
+        ASSERT_TRUE(qbtest::write_jpeg(in, stored, opt));
+        ASSERT_EQ(easy_image_create_thumb(in.c_str(), out.c_str(), 128, 128, 90, 0), 0);
+        const Picture thumb = qbtest::read_jpeg(out);
+        ASSERT_EQ(thumb.width, 128);
+        ASSERT_EQ(thumb.height, 128);
+        // 160x96 fits as 128x77 with 26 white rows on top.
+        EXPECT_TRUE(qbtest::is_reddish(thumb.at(4, 30), 3)) << "orientation " << orientation;
+        EXPECT_FALSE(qbtest::is_reddish(thumb.at(123, 98), 3)) << "orientation " << orientation;
+        EXPECT_GT(thumb.at(64, 10)[2], 240) << "border on top, orientation " << orientation;
     }
 }
 
