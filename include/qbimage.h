@@ -232,10 +232,9 @@ QB_LAYOUT_CHECK(sizeof(image_metadata) == 1412);
 #undef QB_LAYOUT_CHECK
 #endif
 
-/* Metadata of a JPEG file from its Exif block, with the size reconciled
- * with the frame header and stood upright by the orientation. Returns 0, or
- * 9 with one line logged through ctx. Only IMAGE_MEDIA_JPEG is read for
- * now; other types fail with 9. */
+/* Metadata of a photo: a JPEG file from its Exif block, with the size
+ * reconciled with the frame header; any other type (RAW) through LibRaw.
+ * Sizes are upright. Returns 0, or 9 with one line logged through ctx. */
 QB_API int32_t image_get_metadata(const image_ctx *ctx, const char *path,
                                   image_media_type media_type,
                                   image_metadata *meta);

@@ -4,7 +4,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <unistd.h>
+
 #include "image_internal.h"
+#include "image_raw.h"
 
 // ---------------------------------------------------------------------------
 // Transform tables
@@ -146,7 +149,8 @@ extern "C" QB_API int32_t easy_image_create_thumb(const char *path,
     const image_media_type type = utils_get_media_type(dot + 1);
     image_xform xform = IMAGE_XFORM_NONE;
     switch (type) {
-    case IMAGE_MEDIA_JPEG: {
+    case IMAGE_MEDIA_JPEG:
+    case IMAGE_MEDIA_RAW: {
         // The orientation stands the thumbnail upright. A failed metadata
         // read is no reason to refuse the thumbnail: it just stays unturned.
         image_metadata meta;
@@ -156,10 +160,21 @@ extern "C" QB_API int32_t easy_image_create_thumb(const char *path,
             xform = image_orientation2xform[meta.orientation];
         break;
     }
-    case IMAGE_MEDIA_RAW:  // Interim: RAW files have no route yet.
     case IMAGE_MEDIA_PNG:  // Interim: PNG files have no route yet.
     default:
         return IMAGE_RC_FAILED;
+    }
+
+    // A RAW file goes through a staged JPEG in its stored orientation (any
+    // embedded preview serves), which the JPEG route turns by the RAW
+    // file's orientation read above. The staged file stays behind; the
+    // next RAW thumbnail of this process overwrites it.
+    char staged[4096];
+    if (type == IMAGE_MEDIA_RAW) {
+        std::snprintf(staged, sizeof staged, "/tmp/preview.%u", unsigned(getpid()));
+        if (image_raw_preview(path, staged, 0, IMAGE_XFORM_NONE, 85, 0) != 0)
+            return IMAGE_RC_FAILED;
+        path = staged;
     }
 
     image_scale_params params = kThumbDefaults;

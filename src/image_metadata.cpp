@@ -16,6 +16,7 @@
 #include <libexif/exif-utils.h>
 
 #include "image_internal.h"
+#include "image_raw.h"
 
 namespace {
 
@@ -431,12 +432,19 @@ extern "C" QB_API int32_t image_get_metadata(const image_ctx *ctx,
                                              image_media_type media_type,
                                              image_metadata *meta)
 {
-    // Only the Exif route exists so far. Every other type fails as the RAW
-    // reader will fail for a file it refuses.
+    // Every type but JPEG is read through LibRaw.
     if (media_type != IMAGE_MEDIA_JPEG) {
-        log_path(ctx, IMAGE_RC_FAILED, kLineRawFailed,
-                 "Cannot extract metadata for %s", path);
-        return IMAGE_RC_FAILED;
+        // The RAW reader accepts a null record, but the exchange below needs one.
+        if (!meta || image_metadata_from_raw(path, meta) != 0) {
+            log_path(ctx, IMAGE_RC_FAILED, kLineRawFailed,
+                     "Cannot extract metadata for %s", path);
+            return IMAGE_RC_FAILED;
+        }
+        if (meta->orientation_valid != 0 && meta->orientation > kLastUnturned)
+            std::swap(meta->width, meta->height);
+        if (meta->orientation > kLastOrientation)
+            meta->orientation = 0;
+        return IMAGE_RC_OK;
     }
 
     if (image_metadata_from_exif(path, meta) != 0) {

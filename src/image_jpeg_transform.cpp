@@ -1,0 +1,524 @@
+// image_jpeg_transform: rotate, flip and crop a JPEG file.
+//
+// Two routes. Where the source's size fills the iMCU grid along every axis
+// that the code mirrors, the coefficient route moves DCT blocks and loses
+// nothing. Otherwise the pixel route decodes, walks the pixels into a new
+// picture and encodes again at the caller's quality.
+//
+// Fatal libjpeg errors longjmp back to the entry point, one jump target per
+// libjpeg object, so the result tells which side failed. Nothing between a
+// target and libjpeg holds an object with a destructor; what the routes
+// allocate themselves sits in a record owned by the entry point, which
+// releases it on every path.
+#include <cstdlib>
+#include <cstring>
+
+#include <jerror.h>
+
+#include "image_transform.h"
+
+extern "C" {
+// libjpeg's own utility; declared in its private header only.
+long jdiv_round_up(long a, long b);
+}
+
+namespace {
+
+constexpr int APP_MARKER_COUNT = 16;
+constexpr unsigned int MARKER_LENGTH_LIMIT = 0xFFFF;
+
+// Out-of-range codes act as code 0 on the pixel route.
+constexpr uint32_t XFORM_COUNT = 8;
+
+inline bool swaps_sides(uint32_t xform)
+{
+    return xform == IMAGE_XFORM_TRANSPOSE || xform == IMAGE_XFORM_TRANSVERSE ||
+           xform == IMAGE_XFORM_ROT_90 || xform == IMAGE_XFORM_ROT_270;
+}
+
+// ---- pixel route walk ----
+
+// Direction of the walk per code: whether source rows become output
+// columns, and whether the output's columns and rows are filled from the
+// far end. Start and step follow: from the far end means starting at the
+// last index with step -1.
+struct pixel_walk_kind {
+    bool transposed;
+    bool cols_reversed;
+    bool rows_reversed;
+};
+
+constexpr pixel_walk_kind pixel_walk_table[XFORM_COUNT] = {
+    {false, false, false},  // 0 none
+    {false, true, false},   // 1 flip left to right
+    {false, false, true},   // 2 flip top to bottom
+    {true, false, false},   // 3 transpose
+    {true, true, true},     // 4 transverse
+    {true, true, false},    // 5 90 degrees clockwise
+    {false, true, true},    // 6 180 degrees
+    {true, false, true},    // 7 270 degrees clockwise
+};
+
+// The codes that exchange the sides are exactly the transposed walks.
+static_assert(pixel_walk_table[3].transposed && pixel_walk_table[4].transposed &&
+              pixel_walk_table[5].transposed && pixel_walk_table[7].transposed &&
+              !pixel_walk_table[0].transposed && !pixel_walk_table[1].transposed &&
+              !pixel_walk_table[2].transposed && !pixel_walk_table[6].transposed);
+
+struct pixel_walk {
+    uint32_t out_width;
+    uint32_t out_height;
+    int32_t start_col;
+    int32_t start_row;
+    int32_t col_step;
+    int32_t row_step;
+    bool transposed;
+};
+
+pixel_walk pixel_walk_make(uint32_t xform, uint32_t width, uint32_t height)
+{
+    const pixel_walk_kind kind = xform < XFORM_COUNT ? pixel_walk_table[xform]
+                                                     : pixel_walk_table[0];
+    pixel_walk w{};
+    w.transposed = kind.transposed;
+    w.out_width = kind.transposed ? height : width;
+    w.out_height = kind.transposed ? width : height;
+    w.start_col = kind.cols_reversed ? int32_t(w.out_width) - 1 : 0;
+    w.start_row = kind.rows_reversed ? int32_t(w.out_height) - 1 : 0;
+    w.col_step = kind.cols_reversed ? -1 : 1;
+    w.row_step = kind.rows_reversed ? -1 : 1;
+    return w;
+}
+
+// The pixel route's crop lies in the source and must stay strictly inside
+// it: touching the right or bottom edge is refused. Sums are taken in 64
+// bits, so one too large for 32 bits counts as beyond the edge.
+bool pixel_crop_accepted(const image_crop *crop, JDIMENSION width,
+                         JDIMENSION height)
+{
+    if (crop->x < 0 || crop->width < 0 || crop->y < 0 || crop->height < 0)
+        return false;
+    if (int64_t(crop->x) + crop->width >= int64_t(width))
+        return false;
+    return int64_t(crop->y) + crop->height < int64_t(height);
+}
+
+// The coefficient route's crop lies in the transformed image and may touch
+// its edges, but must not be empty.
+bool coefficient_crop_accepted(const image_crop *crop, int32_t width,
+                               int32_t height)
+{
+    if (crop->x < 0 || crop->y < 0 || crop->width < 1 || crop->height < 1)
+        return false;
+    if (crop->width > width || crop->height > height)
+        return false;
+    return int64_t(crop->width) + crop->x <= width &&
+           int64_t(crop->height) + crop->y <= height;
+}
+
+// Our own working memory counts as the decoder's: running out of it reports
+// the way an exhausted decoder pool does, through the decoder's error exit.
+void fail_out_of_memory(j_decompress_ptr dinfo)
+{
+    ERREXIT(dinfo, JERR_OUT_OF_MEMORY);
+}
+
+// Runs libjpeg under the two jump targets. Kept apart from the entry point
+// so that the files, opened before any target is armed, are plain
+// arguments that nothing modifies afterwards.
+int32_t transform_session(FILE *input, FILE *output, uint32_t xform,
+                          const image_crop *crop, int32_t quality)
+{
+    jpeg_decompress_struct dinfo;
+    jpeg_compress_struct cinfo;
+    image_jpeg_error derr;
+    image_jpeg_error cerr;
+    image_transform_buffers bufs;
+    volatile int32_t result = IMAGE_TRANSFORM_OK;
+    volatile int have_encoder = 0;
+
+    // Zeroed objects are safe to destroy even if creation never ran.
+    std::memset(&dinfo, 0, sizeof dinfo);
+    std::memset(&cinfo, 0, sizeof cinfo);
+    bufs.row = nullptr;
+    bufs.image = nullptr;
+    bufs.image_height = 0;
+    bufs.image_owned = 0;
+
+    dinfo.err = image_jpeg_error_init(&derr);
+    if (setjmp(derr.jump) == 0) {
+        jpeg_create_decompress(&dinfo);
+        jpeg_stdio_src(&dinfo, input);
+        cinfo.err = image_jpeg_error_init(&cerr);
+        if (setjmp(cerr.jump) == 0) {
+            jpeg_create_compress(&cinfo);
+            have_encoder = 1;
+            jpeg_stdio_dest(&cinfo, output);
+            image_transform_run(&dinfo, &cinfo, xform, crop, quality, &bufs);
+        } else {
+            result = IMAGE_TRANSFORM_ENCODER_FAILED;
+        }
+    } else {
+        result = IMAGE_TRANSFORM_DECODER_FAILED;
+    }
+
+    // Both targets stay armed until here; whichever fired, tear down
+    // whatever exists. The route's buffers are already released on the
+    // ordinary path, and release is idempotent.
+    image_transform_buffers_release(&bufs);
+    if (have_encoder)
+        jpeg_destroy_compress(&cinfo);
+    jpeg_destroy_decompress(&dinfo);
+    return result;
+}
+
+}  // namespace
+
+void image_transform_buffers_release(image_transform_buffers *bufs)
+{
+    if (bufs->row) {
+        std::free(bufs->row);
+        bufs->row = nullptr;
+    }
+    if (bufs->image) {
+        image_rows_free(bufs->image, bufs->image_height, bufs->image_owned);
+        bufs->image = nullptr;
+    }
+}
+
+extern "C" QB_API int32_t image_jpeg_transform(const char *path,
+                                               const char *output,
+                                               image_xform xform,
+                                               const image_crop *crop,
+                                               int32_t quality)
+{
+    FILE *in = fopen64(path, "rb");
+    if (!in)
+        return IMAGE_TRANSFORM_NO_INPUT;
+    FILE *out = fopen64(output, "wb");
+    if (!out) {
+        std::fclose(in);
+        return IMAGE_TRANSFORM_NO_OUTPUT;
+    }
+    const int32_t result = transform_session(in, out, xform, crop, quality);
+    std::fclose(out);
+    std::fclose(in);
+    return result;
+}
+
+void image_transform_run(j_decompress_ptr dinfo, j_compress_ptr cinfo,
+                         uint32_t xform, const image_crop *crop,
+                         int32_t quality, image_transform_buffers *bufs)
+{
+    // Every APPn marker, uncut, so that Exif, ICC profiles and XMP survive.
+    for (int i = 0; i < APP_MARKER_COUNT; ++i)
+        jpeg_save_markers(dinfo, JPEG_APP0 + i, MARKER_LENGTH_LIMIT);
+    jpeg_read_header(dinfo, TRUE);
+    if (image_transform_is_perfect(int32_t(dinfo->image_width),
+                                   int32_t(dinfo->image_height),
+                                   dinfo->max_h_samp_factor * DCTSIZE,
+                                   dinfo->max_v_samp_factor * DCTSIZE, xform))
+        image_transform_coefficients(dinfo, cinfo, xform, crop);
+    else
+        image_transform_pixels(dinfo, cinfo, xform, crop, quality, bufs);
+}
+
+int32_t image_transform_is_perfect(int32_t width, int32_t height,
+                                   int32_t imcu_width, int32_t imcu_height,
+                                   uint32_t xform)
+{
+    const bool whole_cols = width % imcu_width == 0;
+    const bool whole_rows = height % imcu_height == 0;
+    switch (xform) {
+    case IMAGE_XFORM_NONE:
+    case IMAGE_XFORM_TRANSPOSE:
+        return 1;
+    case IMAGE_XFORM_FLIP_H:
+    case IMAGE_XFORM_ROT_270:
+        return whole_cols;
+    case IMAGE_XFORM_FLIP_V:
+    case IMAGE_XFORM_ROT_90:
+        return whole_rows;
+    case IMAGE_XFORM_TRANSVERSE:
+    case IMAGE_XFORM_ROT_180:
+        return whole_cols && whole_rows;
+    default:
+        return 0;
+    }
+}
+
+void image_transform_pixels(j_decompress_ptr dinfo, j_compress_ptr cinfo,
+                            uint32_t xform, const image_crop *crop,
+                            int32_t quality, image_transform_buffers *bufs)
+{
+    if (crop && !pixel_crop_accepted(crop, dinfo->image_width, dinfo->image_height))
+        crop = nullptr;
+    const uint32_t crop_w = crop ? uint32_t(crop->width) : dinfo->image_width;
+    const uint32_t crop_h = crop ? uint32_t(crop->height) : dinfo->image_height;
+    const pixel_walk walk = pixel_walk_make(xform, crop_w, crop_h);
+
+    dinfo->two_pass_quantize = TRUE;
+    dinfo->dither_mode = JDITHER_FS;
+    dinfo->dct_method = JDCT_FLOAT;
+    dinfo->do_fancy_upsampling = TRUE;
+    jpeg_start_decompress(dinfo);
+
+    const uint32_t comps = uint32_t(dinfo->output_components);
+    const size_t row_bytes = (size_t(dinfo->output_width) * comps + 15u) & ~size_t(15);
+    void *row_mem = nullptr;
+    if (posix_memalign(&row_mem, 16, row_bytes) != 0) {
+        fail_out_of_memory(dinfo);
+        return;
+    }
+    bufs->row = static_cast<unsigned char *>(row_mem);
+
+    // A zero width gives the bare pointer array, whose slots are no rows.
+    bufs->image = image_rows_alloc(walk.out_width, walk.out_height, comps);
+    bufs->image_height = walk.out_height;
+    bufs->image_owned = walk.out_width != 0;
+    // An empty picture copies nothing; the encoder refuses it below.
+    if (!bufs->image && walk.out_width != 0 && walk.out_height != 0) {
+        fail_out_of_memory(dinfo);
+        return;
+    }
+
+    const JDIMENSION col_begin = crop ? JDIMENSION(crop->x) : 0;
+    const JDIMENSION col_end = crop ? col_begin + crop_w : dinfo->output_width;
+    const JDIMENSION row_begin = crop ? JDIMENSION(crop->y) : 0;
+    const JDIMENSION row_end = crop ? row_begin + crop_h : dinfo->output_height;
+
+    image_rows image = bufs->image;
+    JSAMPROW src = bufs->row;
+    int32_t dst_col = walk.start_col;
+    int32_t dst_row = walk.start_row;
+    while (dinfo->output_scanline < dinfo->output_height) {
+        const JDIMENSION y = dinfo->output_scanline;
+        if (jpeg_read_scanlines(dinfo, &src, 1) != 1)
+            break;  // only a suspending source could get here
+        if (y < row_begin)
+            continue;
+        if (y >= row_end)
+            break;  // the rows below the crop stay undecoded
+        for (JDIMENSION x = col_begin; x < col_end; ++x) {
+            std::memcpy(image[dst_row] + size_t(dst_col) * comps,
+                        src + size_t(x) * comps, comps);
+            if (walk.transposed)
+                dst_row += walk.row_step;
+            else
+                dst_col += walk.col_step;
+        }
+        if (walk.transposed) {
+            dst_col += walk.col_step;
+            dst_row = walk.start_row;
+        } else {
+            dst_col = walk.start_col;
+            dst_row += walk.row_step;
+        }
+    }
+
+    cinfo->image_width = walk.out_width;
+    cinfo->image_height = walk.out_height;
+    cinfo->input_components = dinfo->output_components;
+    cinfo->in_color_space = dinfo->out_color_space;
+    jpeg_set_defaults(cinfo);
+    jpeg_set_quality(cinfo, quality, TRUE);
+    cinfo->dct_method = JDCT_FLOAT;
+    // The source's own JFIF marker, if any, comes through the marker copy
+    // with its version and density; a source without one stays without.
+    cinfo->write_JFIF_header = FALSE;
+    jpeg_start_compress(cinfo, TRUE);
+    image_transform_copy_markers(dinfo, cinfo);
+    jpeg_write_scanlines(cinfo, image, walk.out_height);
+    image_transform_buffers_release(bufs);
+    jpeg_finish_compress(cinfo);
+    // A crop may have left rows undelivered; such a decoder is only
+    // destroyed, by the entry point.
+    if (dinfo->output_scanline == dinfo->output_height)
+        jpeg_finish_decompress(dinfo);
+}
+
+// ---- coefficient route ----
+
+int image_transform_plan_level(uint32_t xform, uint32_t x_offset,
+                               uint32_t y_offset)
+{
+    switch (xform) {
+    case IMAGE_XFORM_NONE:
+        return (x_offset != 0 || y_offset != 0) ? 1 : 0;
+    case IMAGE_XFORM_FLIP_H:
+        return y_offset != 0 ? 1 : 0;
+    case IMAGE_XFORM_FLIP_V:
+    case IMAGE_XFORM_ROT_180:
+        return 1;
+    default:
+        return swaps_sides(xform) ? 2 : 0;
+    }
+}
+
+void image_transform_plan_make(j_decompress_ptr dinfo,
+                               image_transform_plan *plan, uint32_t xform,
+                               const image_crop *crop)
+{
+    plan->xform = xform;
+    plan->num_components = dinfo->num_components;
+
+    const int32_t src_w = int32_t(dinfo->image_width);
+    const int32_t src_h = int32_t(dinfo->image_height);
+    if (swaps_sides(xform)) {
+        plan->output_width = src_h;
+        plan->output_height = src_w;
+        plan->imcu_h = dinfo->max_v_samp_factor;
+        plan->imcu_v = dinfo->max_h_samp_factor;
+    } else {
+        plan->output_width = src_w;
+        plan->output_height = src_h;
+        plan->imcu_h = dinfo->max_h_samp_factor;
+        plan->imcu_v = dinfo->max_v_samp_factor;
+    }
+    // A single component is coded in 8x8 units whatever factors it declares.
+    if (plan->num_components == 1) {
+        plan->imcu_h = 1;
+        plan->imcu_v = 1;
+    }
+
+    plan->x_offset = 0;
+    plan->y_offset = 0;
+    if (crop) {
+        plan->crop_width = crop->width;
+        plan->crop_height = crop->height;
+    }
+    // A refused crop is no failure: the whole image is transformed.
+    if (crop && coefficient_crop_accepted(crop, plan->output_width, plan->output_height)) {
+        const int32_t iw = plan->imcu_h * DCTSIZE;
+        const int32_t ih = plan->imcu_v * DCTSIZE;
+        // Move the origin out to the iMCU grid and widen by what that adds,
+        // so that the right and bottom edges stay where they were asked.
+        plan->output_width = crop->width + crop->x % iw;
+        plan->output_height = crop->height + crop->y % ih;
+        plan->x_offset = uint32_t(crop->x / iw);
+        plan->y_offset = uint32_t(crop->y / ih);
+    }
+
+    const int level = image_transform_plan_level(xform, plan->x_offset, plan->y_offset);
+    plan->dst_arrays = nullptr;
+    if (level == 0)
+        return;
+
+    auto *arrays = static_cast<jvirt_barray_ptr *>(dinfo->mem->alloc_small(
+        reinterpret_cast<j_common_ptr>(dinfo), JPOOL_IMAGE,
+        sizeof(jvirt_barray_ptr) * size_t(plan->num_components)));
+    const long width_imcus = jdiv_round_up(plan->output_width, long(plan->imcu_h) * DCTSIZE);
+    const long height_imcus = jdiv_round_up(plan->output_height, long(plan->imcu_v) * DCTSIZE);
+    for (int ci = 0; ci < plan->num_components; ++ci) {
+        const jpeg_component_info &comp = dinfo->comp_info[ci];
+        int h = comp.h_samp_factor;
+        int v = comp.v_samp_factor;
+        if (plan->num_components == 1) {
+            h = 1;
+            v = 1;
+        } else if (level == 2) {
+            h = comp.v_samp_factor;
+            v = comp.h_samp_factor;
+        }
+        // Not pre-zeroed: the kernels write every block the encoder reads.
+        arrays[ci] = dinfo->mem->request_virt_barray(
+            reinterpret_cast<j_common_ptr>(dinfo), JPOOL_IMAGE, FALSE,
+            JDIMENSION(h * width_imcus), JDIMENSION(v * height_imcus), JDIMENSION(v));
+    }
+    plan->dst_arrays = arrays;
+}
+
+jvirt_barray_ptr *image_transform_setup_destination(
+    j_compress_ptr cinfo, jvirt_barray_ptr *src_arrays, uint32_t xform,
+    const image_transform_plan *plan)
+{
+    if (plan->num_components == 1) {
+        cinfo->comp_info[0].h_samp_factor = 1;
+        cinfo->comp_info[0].v_samp_factor = 1;
+    }
+    cinfo->image_width = JDIMENSION(plan->output_width);
+    cinfo->image_height = JDIMENSION(plan->output_height);
+    if (swaps_sides(xform)) {
+        for (int ci = 0; ci < cinfo->num_components; ++ci) {
+            jpeg_component_info &comp = cinfo->comp_info[ci];
+            const int h = comp.h_samp_factor;
+            comp.h_samp_factor = comp.v_samp_factor;
+            comp.v_samp_factor = h;
+        }
+        // The kernels transpose every block, so each divisor has to move
+        // with its coefficient. These are the encoder's own copies.
+        for (JQUANT_TBL *table : cinfo->quant_tbl_ptrs) {
+            if (!table)
+                continue;
+            for (int i = 0; i < DCTSIZE; ++i)
+                for (int j = 0; j < i; ++j) {
+                    const UINT16 t = table->quantval[i * DCTSIZE + j];
+                    table->quantval[i * DCTSIZE + j] = table->quantval[j * DCTSIZE + i];
+                    table->quantval[j * DCTSIZE + i] = t;
+                }
+        }
+    }
+    return plan->dst_arrays ? plan->dst_arrays : src_arrays;
+}
+
+void image_transform_apply(j_decompress_ptr dinfo, j_compress_ptr cinfo,
+                           jvirt_barray_ptr *src_arrays,
+                           const image_transform_plan *plan)
+{
+    const uint32_t xo = plan->x_offset;
+    const uint32_t yo = plan->y_offset;
+    jvirt_barray_ptr *dst = plan->dst_arrays;
+    switch (plan->xform) {
+    case IMAGE_XFORM_NONE:
+        if (xo != 0 || yo != 0)
+            image_kernel_crop_copy(dinfo, cinfo, xo, yo, src_arrays, dst);
+        break;
+    case IMAGE_XFORM_FLIP_H:
+        if (yo == 0)
+            image_kernel_flip_h_in_place(dinfo, cinfo, xo, src_arrays);
+        else
+            image_kernel_flip_h(dinfo, cinfo, xo, yo, src_arrays, dst);
+        break;
+    case IMAGE_XFORM_FLIP_V:
+        image_kernel_flip_v(dinfo, cinfo, xo, yo, src_arrays, dst);
+        break;
+    case IMAGE_XFORM_TRANSPOSE:
+        image_kernel_transpose(dinfo, cinfo, xo, yo, src_arrays, dst);
+        break;
+    case IMAGE_XFORM_TRANSVERSE:
+        image_kernel_transverse(dinfo, cinfo, xo, yo, src_arrays, dst);
+        break;
+    case IMAGE_XFORM_ROT_90:
+        image_kernel_rotate_90(dinfo, cinfo, xo, yo, src_arrays, dst);
+        break;
+    case IMAGE_XFORM_ROT_180:
+        image_kernel_rotate_180(dinfo, cinfo, xo, yo, src_arrays, dst);
+        break;
+    case IMAGE_XFORM_ROT_270:
+        image_kernel_rotate_270(dinfo, cinfo, xo, yo, src_arrays, dst);
+        break;
+    default:
+        break;  // the route test sends no other code here
+    }
+}
+
+void image_transform_coefficients(j_decompress_ptr dinfo, j_compress_ptr cinfo,
+                                  uint32_t xform, const image_crop *crop)
+{
+    image_transform_plan plan;
+    std::memset(&plan, 0, sizeof plan);
+    // The destination arrays must be requested before libjpeg realises the
+    // virtual arrays, which happens inside jpeg_read_coefficients.
+    image_transform_plan_make(dinfo, &plan, xform, crop);
+    jvirt_barray_ptr *src_arrays = jpeg_read_coefficients(dinfo);
+    jpeg_copy_critical_parameters(dinfo, cinfo);
+    jvirt_barray_ptr *arrays = image_transform_setup_destination(cinfo, src_arrays, xform, &plan);
+    // Works out the component sizes that the kernels read.
+    jpeg_write_coefficients(cinfo, arrays);
+    image_transform_copy_markers(dinfo, cinfo);
+    image_transform_apply(dinfo, cinfo, src_arrays, &plan);
+    // The encoder reads its arrays out of the decoder's pool here, so the
+    // decoder is finished (and its pool released) only afterwards.
+    jpeg_finish_compress(cinfo);
+    jpeg_finish_decompress(dinfo);
+}

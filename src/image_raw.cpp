@@ -1,0 +1,407 @@
+// Camera RAW files: the JPEG preview that hosts ask for and that the
+// thumbnail entry stages, the full decode behind it with its JPEG writer,
+// and the metadata that LibRaw parses when it opens a file.
+//
+// None of this logs: the preview reports by its small negative codes, the
+// metadata reader by -1, and their callers decide what to tell the host.
+#include "image_raw.h"
+
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "image_internal.h"
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Embedded preview
+
+enum class preview_outcome {
+    written,   // jpeg_path holds the camera's preview
+    not_used,  // none, too small, not a JPEG, or it could not be written
+    spoiled,   // unpacking it failed, and with it the handle's decoder
+};
+
+// The camera's own JPEG, written as LibRaw hands it over. No sensor data
+// is read on this path, which is what makes a preview cheap. Neither xform
+// nor any orientation is applied: the bytes are the camera's, in the
+// orientation the sensor stored them.
+preview_outcome write_embedded_preview(libraw_data_t *raw,
+                                       const char *jpeg_path,
+                                       int32_t force_decode, int32_t min_side)
+{
+    const libraw_thumbnail_t &thumb = raw->thumbnail;
+    if (force_decode != 0 || thumb.tlength == 0)
+        return preview_outcome::not_used;
+    const int32_t larger =
+        thumb.twidth > thumb.theight ? thumb.twidth : thumb.theight;
+    if (larger < min_side)
+        return preview_outcome::not_used;
+    if (libraw_unpack_thumb(raw) != LIBRAW_SUCCESS)
+        return preview_outcome::spoiled;
+    if (thumb.tformat != LIBRAW_THUMBNAIL_JPEG)
+        return preview_outcome::not_used;
+    if (libraw_dcraw_thumb_writer(raw, jpeg_path) != LIBRAW_SUCCESS)
+        return preview_outcome::not_used;
+    return preview_outcome::written;
+}
+
+// ---------------------------------------------------------------------------
+// Full decode
+
+// The memory image as RGB samples that image_rgb_to_jpeg can take. LibRaw
+// stores one byte per sample up to 8 bits and two above, so the buffer is
+// checked against what the writer will read before it reads anything.
+int32_t write_memory_image(FILE *stream, const libraw_processed_image_t *image,
+                           int32_t quality)
+{
+    if (image->type != LIBRAW_IMAGE_BITMAP || image->colors != 3)
+        return IMAGE_RAW_NOT_RGB;
+    if (image->bits < 1 || image->bits > 16)
+        return IMAGE_RAW_NOT_RGB;
+    const int32_t maxval = (1 << image->bits) - 1;
+    const size_t sample_bytes = maxval > 255 ? 2 : 1;
+    const size_t needed =
+        size_t(image->width) * size_t(image->height) * 3 * sample_bytes;
+    if (image->data_size < needed)
+        return IMAGE_RAW_NOT_RGB;
+    return image_rgb_to_jpeg(stream, image->width, image->height, maxval,
+                             image->data, quality);
+}
+
+// ---------------------------------------------------------------------------
+// JPEG writer
+
+void free_rows(JSAMPARRAY rows, int32_t count)
+{
+    for (int32_t y = 0; y < count; ++y)
+        std::free(rows[y]);
+    std::free(rows);
+}
+
+// Fill the rows from the samples: a plain copy of 8-bit samples at 255,
+// else each sample through the rescale table, held to maxval so that a
+// stray value never indexes past the table's end.
+void convert_samples(JSAMPARRAY rows, int32_t width, int32_t height,
+                     int32_t maxval, const void *samples,
+                     const uint8_t *table)
+{
+    const size_t row_samples = size_t(width) * 3;
+    const auto *bytes = static_cast<const uint8_t *>(samples);
+    for (int32_t y = 0; y < height; ++y) {
+        JSAMPROW row = rows[y];
+        if (maxval == 255) {
+            std::memcpy(row, bytes + size_t(y) * row_samples, row_samples);
+        } else if (maxval > 255) {
+            const uint8_t *src = bytes + size_t(y) * row_samples * 2;
+            for (size_t i = 0; i < row_samples; ++i) {
+                uint16_t v;
+                std::memcpy(&v, src + i * 2, sizeof v);  // any alignment
+                row[i] = table[v < maxval ? v : maxval];
+            }
+        } else {
+            const uint8_t *src = bytes + size_t(y) * row_samples;
+            for (size_t i = 0; i < row_samples; ++i)
+                row[i] = table[src[i] < maxval ? src[i] : maxval];
+        }
+    }
+}
+
+// The encoder: its own error record, so that a libjpeg error, a failed
+// write to a full disk above all, comes back here as a jump and leaves as
+// -1. The frame holds only plain values set before the jump target is
+// armed; everything is released after it on every path.
+int32_t encode_rows(FILE *stream, int32_t width, int32_t height,
+                    JSAMPARRAY rows, int32_t quality)
+{
+    jpeg_compress_struct cinfo{};
+    image_jpeg_error err;
+    cinfo.err = image_jpeg_error_init(&err);
+    int32_t result = IMAGE_RAW_OK;
+    if (setjmp(err.jump) == 0) {
+        jpeg_create_compress(&cinfo);
+        jpeg_stdio_dest(&cinfo, stream);
+        cinfo.data_precision = 8;
+        cinfo.image_width = JDIMENSION(width);
+        cinfo.image_height = JDIMENSION(height);
+        cinfo.input_components = 3;
+        cinfo.in_color_space = JCS_RGB;
+        jpeg_set_defaults(&cinfo);
+        jpeg_set_quality(&cinfo, quality, TRUE);
+        cinfo.dct_method = JDCT_FLOAT;
+        jpeg_start_compress(&cinfo, TRUE);
+        // A stdio destination never suspends, so one call takes every row;
+        // were one missing, jpeg_finish_compress would fail, not pass.
+        jpeg_write_scanlines(&cinfo, rows, JDIMENSION(height));
+        jpeg_finish_compress(&cinfo);
+    } else {
+        result = IMAGE_RAW_FAILED;
+    }
+    jpeg_destroy_compress(&cinfo);
+    return result;
+}
+
+// ---------------------------------------------------------------------------
+// Preview driver
+
+// The part of image_raw_preview that runs on an open handle; the caller
+// owns the handle and closes it once, whatever happens here.
+int32_t preview_from_handle(libraw_data_t *raw, const char *raw_path,
+                            const char *jpeg_path, int32_t force_decode,
+                            int32_t xform, int32_t quality, int32_t min_side)
+{
+    if (libraw_open_file(raw, raw_path) != LIBRAW_SUCCESS)
+        return IMAGE_RAW_FAILED;
+
+    switch (write_embedded_preview(raw, jpeg_path, force_decode, min_side)) {
+    case preview_outcome::written:
+        return IMAGE_RAW_OK;
+    case preview_outcome::spoiled:
+        // A failed preview unpack (a damaged offset, say) leaves the handle
+        // unable to unpack the sensor data too. Only a fresh open restores
+        // it.
+        libraw_recycle(raw);
+        if (libraw_open_file(raw, raw_path) != LIBRAW_SUCCESS)
+            return IMAGE_RAW_FAILED;
+        break;
+    case preview_outcome::not_used:
+        break;
+    }
+
+    // Codes under 2 leave the decode as stored: 1, the horizontal mirror,
+    // is not one that this route carries out.
+    if (xform < IMAGE_XFORM_FLIP_V)
+        return image_raw_decode_to_jpeg(raw, jpeg_path, quality);
+
+    // The turned picture goes to a file beside jpeg_path and then replaces
+    // it. A name that does not fit is refused before any work: cut short,
+    // it could name jpeg_path itself, and the transform must never read
+    // and write one file.
+    char temp[PATH_MAX];
+    const int length = std::snprintf(temp, sizeof temp, "%s.tmp", jpeg_path);
+    if (length < 0 || size_t(length) >= sizeof temp)
+        return IMAGE_RAW_FAILED;
+
+    // A failed decode is not rotated: jpeg_path then holds an empty file,
+    // or, when it could not be opened for writing, something this call
+    // never wrote, which must not come out turned under a result of 0.
+    if (image_raw_decode_to_jpeg(raw, jpeg_path, quality) != IMAGE_RAW_OK)
+        return IMAGE_RAW_FAILED;
+    if (image_jpeg_transform(jpeg_path, temp, image_xform(xform), nullptr,
+                             quality) != 0)
+        return IMAGE_RAW_FAILED;
+    if (unlink(jpeg_path) != 0 || std::rename(temp, jpeg_path) != 0)
+        return IMAGE_RAW_FAILED;
+    return IMAGE_RAW_OK;
+}
+
+// ---------------------------------------------------------------------------
+// Metadata helpers
+
+// A whole, non-negative number in 32 bits, rounded half away from zero.
+// Values with no such rounding (NaN, infinities, negatives, too large)
+// give 0, which the record reads as "no value".
+uint32_t whole_u32(double value)
+{
+    if (!(value > -0.5 && value < 4294967295.5))
+        return 0;
+    return uint32_t(std::lround(value));
+}
+
+// The value truncated toward zero, low 16 bits kept (two's complement for a
+// negative). Values out of any integer's range give 0 instead of the
+// undefined conversion.
+uint16_t truncated_low16(double value)
+{
+    if (!(std::fabs(value) < 0x1p62))
+        return 0;
+    return uint16_t(uint64_t(int64_t(value)));
+}
+
+// The text cut to width - 1 bytes and terminated, never reading past the
+// source's array even if it lacks a terminator of its own.
+void copy_text(char *field, size_t width, const char *source,
+               size_t source_width)
+{
+    const size_t length = strnlen(source, source_width);
+    const size_t kept = length < width - 1 ? length : width - 1;
+    std::memcpy(field, source, kept);
+    field[kept] = '\0';
+    field[width - 1] = '\0';
+}
+
+// LibRaw's flip in the record's Exif numbering. 0, 3 and 6 mean the same in
+// both. LibRaw reports Exif orientation 8 (turned counter-clockwise) as 5,
+// which as Exif would be a transpose; 8 is the value whose table row stands
+// the picture upright.
+uint16_t orientation_from_flip(int flip)
+{
+    constexpr int kFlipCounterClockwise = 5;
+    constexpr uint16_t kExifRotate270 = 8;
+    return flip == kFlipCounterClockwise ? kExifRotate270 : uint16_t(flip);
+}
+
+void fill_from_libraw(const libraw_data_t *raw, image_metadata *meta)
+{
+    meta->width = raw->sizes.width;
+    meta->height = raw->sizes.height;
+
+    const time_t stamp = raw->other.timestamp;
+    struct tm local;
+    if (localtime_r(&stamp, &local)) {
+        // Formatted in full, then cut to the field as a bounded print
+        // would cut it: only a year past 9999 is long enough to be cut.
+        char text[6 * 11 + 5 + 1];
+        std::snprintf(text, sizeof text, "%04d:%02d:%02d %02d:%02d:%02d",
+                      local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+                      local.tm_hour, local.tm_min, local.tm_sec);
+        copy_text(meta->date_time, sizeof meta->date_time, text, sizeof text);
+    }
+
+    copy_text(meta->make, sizeof meta->make, raw->idata.make,
+              sizeof raw->idata.make);
+    copy_text(meta->model, sizeof meta->model, raw->idata.model,
+              sizeof raw->idata.model);
+
+    // Thousandths over a whole denominator; no shutter value gives 1000/0.
+    const double shutter = raw->other.shutter;
+    meta->exposure_time = {1000, shutter > 0.0 ? whole_u32(1000.0 / shutter) : 0};
+
+    meta->orientation = orientation_from_flip(raw->sizes.flip);
+    meta->orientation_valid = 1;
+    meta->f_number = {whole_u32(raw->other.aperture), 1};
+    meta->iso = truncated_low16(raw->other.iso_speed);
+    meta->iso_valid = 1;
+    meta->flash = truncated_low16(raw->color.flash_used);
+    meta->flash_valid = 1;
+    meta->focal_length = {whole_u32(raw->other.focal_len), 1};
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Entry points
+
+int32_t image_raw_preview(const char *raw_path, const char *jpeg_path,
+                          int32_t force_decode, int32_t xform,
+                          int32_t quality, int32_t min_side)
+{
+    if (!raw_path || !jpeg_path)
+        return IMAGE_RAW_FAILED;
+    libraw_data_t *raw = libraw_init(0);
+    if (!raw)
+        return IMAGE_RAW_FAILED;
+    const int32_t result = preview_from_handle(raw, raw_path, jpeg_path,
+                                               force_decode, xform, quality,
+                                               min_side);
+    libraw_close(raw);
+    return result;
+}
+
+extern "C" QB_API int32_t image_raw_to_preview_jpeg(const char *raw_path,
+                                                    const char *jpeg_path,
+                                                    int32_t force_decode,
+                                                    int32_t xform,
+                                                    int32_t quality)
+{
+    return image_raw_preview(raw_path, jpeg_path, force_decode, xform, quality,
+                             IMAGE_RAW_PREVIEW_MIN_SIDE);
+}
+
+int32_t image_raw_decode_to_jpeg(libraw_data_t *raw, const char *jpeg_path,
+                                 int32_t quality)
+{
+    // Opened before the slow work, so a bad output path fails at once.
+    FILE *stream = fopen64(jpeg_path, "wb");
+    if (!stream)
+        return IMAGE_RAW_NO_OUTPUT;
+
+    // LibRaw turns a full decode by the file's orientation, while an
+    // embedded preview comes out as the sensor stored it. The callers turn
+    // the result themselves (the thumbnail entry by the file's orientation,
+    // a host by its xform), so the decode is kept in the stored orientation
+    // too; with LibRaw's default it would be turned twice.
+    raw->params.user_flip = 0;
+
+    int32_t result = IMAGE_RAW_FAILED;
+    int error = 0;
+    libraw_processed_image_t *image = nullptr;
+    if (libraw_unpack(raw) == LIBRAW_SUCCESS &&
+        libraw_dcraw_process(raw) == LIBRAW_SUCCESS &&
+        (image = libraw_dcraw_make_mem_image(raw, &error)) != nullptr) {
+        result = write_memory_image(stream, image, quality);
+        std::free(image);  // one malloc'd block, header and data
+    }
+    // A write that fails only when the buffer is flushed at the close still
+    // means that no whole JPEG stands at jpeg_path.
+    if (std::fclose(stream) != 0 && result == IMAGE_RAW_OK)
+        result = IMAGE_RAW_FAILED;
+    return result;
+}
+
+int32_t image_rgb_to_jpeg(FILE *stream, int32_t width, int32_t height,
+                          int32_t maxval, const void *samples,
+                          int32_t quality)
+{
+    // Two bytes hold any sample, and the table's products stay in 32 bits.
+    if (!stream || !samples || width <= 0 || height <= 0 || maxval < 1 ||
+        maxval > 65535)
+        return IMAGE_RAW_FAILED;
+
+    uint8_t *table = nullptr;
+    if (maxval != 255) {
+        table = static_cast<uint8_t *>(std::malloc(size_t(maxval) + 1));
+        if (!table)
+            return IMAGE_RAW_FAILED;
+        for (int32_t i = 0; i <= maxval; ++i)
+            table[i] = uint8_t(((maxval >> 1) + i * 255) / maxval);
+    }
+
+    const size_t row_bytes = size_t(width) * 3;
+    auto rows = static_cast<JSAMPARRAY>(std::calloc(size_t(height), sizeof(JSAMPROW)));
+    if (!rows) {
+        std::free(table);
+        return IMAGE_RAW_FAILED;
+    }
+    for (int32_t y = 0; y < height; ++y) {
+        rows[y] = static_cast<JSAMPROW>(std::calloc(row_bytes, 1));
+        if (!rows[y]) {
+            free_rows(rows, y);
+            std::free(table);
+            return IMAGE_RAW_FAILED;
+        }
+    }
+
+    convert_samples(rows, width, height, maxval, samples, table);
+    const int32_t result = encode_rows(stream, width, height, rows, quality);
+    free_rows(rows, height);
+    std::free(table);
+    return result;
+}
+
+int32_t image_metadata_from_raw(const char *path, image_metadata *meta)
+{
+    if (!meta)
+        return 0;
+    // Cleared before any test, so that a failure leaves a record of zeros.
+    std::memset(meta, 0, sizeof *meta);
+    struct stat st;
+    if (!path || stat(path, &st) != 0 || st.st_size == 0)
+        return -1;
+    libraw_data_t *raw = libraw_init(0);
+    if (!raw)
+        return -1;
+    if (libraw_open_file(raw, path) != LIBRAW_SUCCESS) {
+        libraw_close(raw);
+        return -1;
+    }
+    fill_from_libraw(raw, meta);
+    libraw_close(raw);
+    return 0;
+}
