@@ -19,7 +19,8 @@ enum class numeric_form { double_precision, vector, fixed_point };
 //   1 (basic)                      -> double precision, any components
 //   2 or 3 (SSE2, SSE3), 3 comps   -> four-lane single precision, which
 //                                     needs nothing beyond SSE2, with or
-//                                     without the Adobe flag
+//                                     without the Adobe flag (double
+//                                     precision in builds without SSE2)
 //   2 or 3, other component counts -> double precision
 //   any other level, 0 and below   -> 16.16 fixed point
 // utils_check_hw only reports 1 to 3; fixed point serves hosts that pass
@@ -60,18 +61,27 @@ constexpr resample_form_fn pick(const filter_forms &forms,
     return forms.double_precision;
 }
 
-// The vector and fixed-point forms are not written yet; until they are,
-// their places are held by the double-precision form, so every level runs
-// the reference arithmetic.
+// Forms not available in a build are stood in for by the double form, the
+// reference arithmetic: the four-lane forms need SSE2, which every x86-64
+// processor has and builds for other processors lack, and the fixed-point
+// forms are not written yet.
+#if defined(IMAGE_RESAMPLE_SSE2)
+constexpr resample_form_fn box_vector = image_resample_box_vector;
+constexpr resample_form_fn bicubic_vector = image_resample_bicubic_vector;
+#else
+constexpr resample_form_fn box_vector = image_resample_box_double;
+constexpr resample_form_fn bicubic_vector = image_resample_bicubic_double;
+#endif
+
 constexpr filter_forms box_forms = {
     image_resample_box_double,
-    image_resample_box_double,  // vector form to come
+    box_vector,
     image_resample_box_double,  // fixed-point form to come
 };
 
 constexpr filter_forms bicubic_forms = {
     image_resample_bicubic_double,
-    image_resample_bicubic_double,  // vector form to come
+    bicubic_vector,
     image_resample_bicubic_double,  // fixed-point form to come
 };
 

@@ -1,0 +1,153 @@
+// Bicubic filter in single precision on four-lane SSE2 vectors, for
+// three-component pictures.
+//
+// The sample points, the 4 x 4 neighbourhood, the skipping of neighbours
+// outside the picture and the renormalisation are those of the double form
+// (bicubic_double.cpp). A pixel's three components ride in lanes 0..2 of one
+// vector, so each neighbour costs one vector multiply and one vector add,
+// and the component loop is gone. The kernel itself stays in double, as in
+// the double form, and only its result is rounded to single.
+//
+// Every product and every sum is rounded to single by itself, and the
+// steps taken in double are named as such.
+//
+// No multiply may be fused with an add. SSE2 has no fused instruction, but
+// GCC treats these intrinsics as plain vector arithmetic and would contract
+// them if a build enabled an instruction set that has one; what forbids it
+// is -ffp-contract=off, which the build passes to every library unit along
+// with -fno-fast-math (QB_FP_FLAGS in the top-level CMakeLists.txt). The
+// checks below stop a fast-math build or one that evaluates single
+// arithmetic in a wider format.
+#include "resample/resample.h"
+
+#if defined(IMAGE_RESAMPLE_SSE2)
+
+#include <emmintrin.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstdint>
+
+#if defined(__FAST_MATH__)
+#error "the single-precision resamplers need IEEE arithmetic: no fast-math"
+#endif
+static_assert(FLT_EVAL_METHOD == 0,
+              "single-precision steps must round to single, not wider");
+
+namespace {
+
+// Destination columns are worked in strips of this many, so that the four
+// column weights of each are computed once per strip rather than once per
+// pixel, in a table that lives on the stack: the form never allocates and
+// cannot fail.
+constexpr int32_t kStrip = 256;
+
+// The four source columns (or rows) around one sample position with their
+// kernel weights, computed in double and rounded to single. A tap outside
+// the picture is marked and never read.
+struct taps {
+    int64_t first;  // index of tap 0: floor(position) - 1
+    bool inside[4];
+    float weight[4];
+};
+
+taps taps_at(double position, int32_t size) {
+    taps t{};
+    double f = std::floor(position);
+    // Far outside the picture no tap reaches it whatever the exact floor;
+    // clamping keeps the conversion defined without changing a pixel.
+    if (f < -4.0) f = -4.0;
+    if (f > size + 4.0) f = size + 4.0;
+    t.first = static_cast<int64_t>(f) - 1;
+    for (int k = 0; k < 4; ++k) {
+        const int64_t index = t.first + k;
+        t.inside[k] = index >= 0 && index < size;
+        t.weight[k] = t.inside[k]
+                          ? static_cast<float>(image_bicubic_weight_double(
+                                static_cast<int32_t>(index), position))
+                          : 0.0f;
+    }
+    return t;
+}
+
+struct matrix_columns {
+    __m128 red, green, blue;
+};
+
+// Light of the pixel at s: its own three samples in lanes 0..2, lane 3
+// zero; nothing past the pixel is read, so the last pixel of a row is as
+// safe as any. With the matrix, lane c is (M[c][0] r + M[c][1] g) +
+// M[c][2] b in single, the order of the double form.
+inline __m128 light(const uint8_t *s, const matrix_columns *m) {
+    const float *lin = image_lin_float;
+    if (!m) return _mm_setr_ps(lin[s[0]], lin[s[1]], lin[s[2]], 0.0f);
+    const __m128 r = _mm_mul_ps(_mm_set1_ps(lin[s[0]]), m->red);
+    const __m128 g = _mm_mul_ps(_mm_set1_ps(lin[s[1]]), m->green);
+    const __m128 b = _mm_mul_ps(_mm_set1_ps(lin[s[2]]), m->blue);
+    return _mm_add_ps(_mm_add_ps(r, g), b);
+}
+
+// One destination pixel; rows, then columns, in rising order.
+void pixel(const image_rows src_rows, uint8_t *dst, const taps &tx,
+           const taps &ty, const matrix_columns *m) {
+    __m128 sum = _mm_setzero_ps();
+    __m128 total = _mm_setzero_ps();
+    for (int r = 0; r < 4; ++r) {
+        if (!ty.inside[r]) continue;
+        const uint8_t *row = src_rows[ty.first + r];
+        for (int c = 0; c < 4; ++c) {
+            if (!tx.inside[c]) continue;
+            const __m128 w = _mm_set1_ps(tx.weight[c] * ty.weight[r]);
+            const __m128 v =
+                light(row + static_cast<size_t>(tx.first + c) * 3, m);
+            sum = _mm_add_ps(sum, _mm_mul_ps(v, w));
+            total = _mm_add_ps(total, w);
+        }
+    }
+    // No neighbour of non-zero weight gives 0 / 0 in every lane; the
+    // encoder turns that not-a-number into 0.
+    alignas(16) float q[4];
+    _mm_store_ps(q, _mm_div_ps(sum, total));
+    for (int c = 0; c < 3; ++c)
+        dst[c] = image_linear_to_byte(static_cast<double>(q[c]));
+}
+
+}  // namespace
+
+// Column positions are x * ratio + x_offset in double, a pure function of
+// x, so working them out per strip gives the values of a per-call table.
+// Returns without writing when the arguments admit no picture: no
+// destination size, a ratio that is not a positive finite number, or other
+// than three components, the only count this form is made for.
+void image_resample_bicubic_vector(const image_rows src_rows,
+                                   image_rows dst_rows, int32_t x_offset,
+                                   int32_t y_offset, int32_t src_width,
+                                   double ratio, int32_t src_height,
+                                   int32_t dst_width, int32_t dst_height,
+                                   int32_t components, int32_t adobe) {
+    if (dst_width <= 0 || dst_height <= 0) return;
+    if (!(ratio > 0.0) || !std::isfinite(ratio)) return;
+    if (components != 3) return;
+    const float *a = image_adobe_matrix;
+    const matrix_columns by_columns = {_mm_setr_ps(a[0], a[3], a[6], 0.0f),
+                                       _mm_setr_ps(a[1], a[4], a[7], 0.0f),
+                                       _mm_setr_ps(a[2], a[5], a[8], 0.0f)};
+    const matrix_columns *m = adobe ? &by_columns : nullptr;
+
+    taps strip[kStrip];
+    for (int32_t x0 = 0; x0 < dst_width; x0 += kStrip) {
+        const int32_t count = std::min(kStrip, dst_width - x0);
+        for (int32_t k = 0; k < count; ++k)
+            strip[k] = taps_at((x0 + k) * ratio + x_offset, src_width);
+        for (int32_t y = 0; y < dst_height; ++y) {
+            const taps row = taps_at(y * ratio + y_offset, src_height);
+            uint8_t *dst = dst_rows[y] + static_cast<size_t>(x0) * 3;
+            for (int32_t k = 0; k < count; ++k)
+                pixel(src_rows, dst + static_cast<size_t>(k) * 3, strip[k], row,
+                      m);
+        }
+    }
+}
+
+#endif  // IMAGE_RESAMPLE_SSE2
