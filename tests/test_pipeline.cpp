@@ -20,6 +20,8 @@ using qbtest::TempDir;
 
 namespace {
 
+bool near(int a, int b, int tol) { return a - b <= tol && b - a <= tol; }
+
 // ---------------------------------------------------------------------------
 // Row store
 
@@ -89,16 +91,29 @@ TEST(Rows, RotationsComposeLikeTheTable)
         }
 }
 
-TEST(Tables, OrientationStandsUpright)
+// An ordinary uncropped plan whose last window reaches past column W:
+// 4000x3000 into 600x331 (mode 4) decodes at 1/4 to 1000 columns and
+// resamples 441 of them at 750/331, W = 999, last window [996.98, 999.25).
+// Column 999 exists, so it must count, at weight 0.245.
+TEST(Driver, LastColumnOfAPlanTakesColumnW)
 {
-    EXPECT_EQ(image_orientation2xform[6], uint32_t(IMAGE_XFORM_ROT_90));
-    EXPECT_EQ(image_orientation2xform[8], uint32_t(IMAGE_XFORM_ROT_270));
-    EXPECT_EQ(image_xform_xform_table[1][3], 7);
-    EXPECT_EQ(image_xform_xform_table[3][1], 5);
-    for (int a = 0; a < 8; ++a) {
-        EXPECT_EQ(image_xform_xform_table[a][image_reverse_xform_table[a]], 0);
-        EXPECT_EQ(image_xform_xform_table[image_reverse_xform_table[a]][a], 0);
+    const image_scale_params p{IMAGE_SCALE_FIT_BOX, 600, 331, 10.0, 85, 0, 0};
+    const image_scale_plan plan = image_scale_plan_for_size(4000, 3000, &p, 0, 0);
+    ASSERT_EQ(plan.scale_denom, 4u);
+    ASSERT_EQ(plan.width, 441);
+    image_rows src = image_rows_alloc(1000, 8, 3);
+    for (uint32_t y = 0; y < 8; ++y)
+        std::memset(src[y] + 999 * 3, 255, 3);
+    for (const int32_t level : {1, 2, 3}) {
+        image_rows dst = image_rows_alloc(441, 2, 3);
+        plan.resampler(level, src, dst, 0, 0, 1000, plan.ratio, 8, 441, 2, 3, 0);
+        // Light 0.245 / 2.266 = 0.108 encodes to 87; without column 999
+        // the pixel would stay black.
+        EXPECT_TRUE(near(dst[0][440 * 3], 87, 1)) << int(dst[0][440 * 3]) << " level " << level;
+        EXPECT_EQ(dst[0][439 * 3], 0);
+        image_rows_free(dst, 2, 1);
     }
+    image_rows_free(src, 8, 1);
 }
 
 // ---------------------------------------------------------------------------
@@ -128,8 +143,6 @@ image_scale_params params(uint32_t mode, int32_t w, int32_t h, int quality = 100
 {
     return image_scale_params{mode, w, h, 10.0, quality, 0, 0};
 }
-
-bool near(int a, int b, int tol) { return a - b <= tol && b - a <= tol; }
 
 TEST(Driver, BorderCentresWithTheOddLineOnTop)
 {
