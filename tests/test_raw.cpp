@@ -43,7 +43,6 @@ Corner red_corner(const Picture &p)
     return count == 1 ? Corner(found) : no_corner;
 }
 
-// Size and red corner of the JPEG at `path`.
 std::tuple<int, int, Corner> seen(const std::string &path)
 {
     const Picture p = read_jpeg(path);
@@ -57,73 +56,67 @@ Corner stored_corner(int orientation)
          : orientation == 8 ? top_right : top_left;
 }
 
-DngOptions sized(int width, int height, DngPreview kind = DngPreview::jpeg)
+DngOptions sized(int width, int height)
 {
-    return {.preview = kind, .preview_width = width, .preview_height = height};
+    return {.preview_width = width, .preview_height = height};
 }
 
-// ---- the preview writer: which picture, the rotation step, failures ----
-
-TEST(PreviewChoice, TakesTheRightPicture)
+TEST(Preview, TakesTurnsOrRefuses)
 {
+    enum Source { dng, text, missing, unwritable };
+    const DngOptions bare{.preview = DngPreview::none}, bitmap{.preview = DngPreview::bitmap};
     const struct {
         const char *name;
+        Source source;
         DngOptions dng;
-        int32_t force_decode, min_side;  // min_side -1: the exported entry and its 1920
-        int width, height;               // the preview's, or the sensor's for a decode
+        int32_t force_decode, xform, min_side;  // min_side -1: the exported entry and its 1920
+        int32_t rc;
+        int width, height;  // a failure's width: the size of what it leaves, -1 for nothing
+        Corner red;
     } cases[] = {
-        {"preview of 1920 used", sized(1920, 1280), 0, -1, 1920, 1280},
-        {"portrait preview judged by its height", sized(1280, 1920), 0, -1, 1280, 1920},
-        {"preview of 1919 decoded", sized(1919, 1280), 0, -1, kW, kH},
-        {"force_decode skips the preview", sized(1920, 1280), 1, -1, kW, kH},
-        {"no preview decoded", sized(0, 0, DngPreview::none), 0, -1, kW, kH},
+        {"1920 preview, not turned", dng, sized(1920, 1280), 0, 6, -1, 0, 1920, 1280, top_left},
+        {"portrait, by its height", dng, sized(1280, 1920), 0, 0, -1, 0, 1280, 1920, top_left},
+        {"1919 preview: decoded", dng, sized(1919, 1280), 0, 0, -1, 0, kW, kH, top_left},
+        {"force_decode; decode turned", dng, sized(1920, 1280), 1, 6, -1, 0, kW, kH, bottom_right},
+        {"xform 1, a mirror, not done", dng, bare, 0, 1, -1, 0, kW, kH, top_left},
+        {"xform 2 done", dng, bare, 0, 2, -1, 0, kW, kH, bottom_left},
+        {"xform 5 exchanges the sides", dng, bare, 0, 5, -1, 0, kH, kW, top_right},
         // The thumbnail entry's staging: any embedded JPEG serves.
-        {"staging takes a small preview", sized(60, 40), 0, 0, 60, 40},
-        {"bitmap preview never used", sized(60, 40, DngPreview::bitmap), 0, 0, kW, kH},
+        {"staging takes a small preview", dng, {}, 0, 0, 0, 0, 60, 40, top_left},
+        {"bitmap preview never used", dng, bitmap, 0, 0, 0, 0, kW, kH, top_left},
         // A preview whose data lies past the end spoils the handle for the
         // decode too; the writer has to reopen the file to fall through.
-        {"damaged preview falls through", {.damaged_preview = true}, 0, 0, kW, kH},
+        {"damaged preview", dng, {.damaged_preview = true}, 0, 0, 0, 0, kW, kH, top_left},
+        {"text file", text, {}, 0, 0, -1, -1, -1, 0, no_corner},
+        {"missing file", missing, {}, 0, 6, -1, -1, -1, 0, no_corner},
+        {"output unwritable", unwritable, {}, 1, 0, -1, -2, -1, 0, no_corner},
+        {"unwritable, big preview", unwritable, sized(1920, 1280), 0, 0, -1, -2, -1, 0, no_corner},
+        {"one-colour decode", dng, {.cfa = false}, 1, 0, -1, -4, 0, 0, no_corner},
+        // A failed decode is not passed to the rotation.
+        {"one-colour decode, xform 6", dng, {.cfa = false}, 1, 6, -1, -1, 0, 0, no_corner},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         TempDir dir;
-        const std::string raw = dir.path("photo.dng"), jpeg = dir.path("preview.jpg");
-        ASSERT_TRUE(write_dng(raw, c.dng));
+        const std::string raw = dir.path("photo.dng");
+        const std::string jpeg = dir.path(c.source == unwritable ? "no/dir/p.jpg" : "p.jpg");
+        ASSERT_TRUE(c.source == missing || (c.source == text ? write_file(raw, {'t', 'e', 'x'})
+                                                              : write_dng(raw, c.dng)));
         const char *r = raw.c_str(), *j = jpeg.c_str();
-        EXPECT_EQ(c.min_side < 0 ? image_raw_to_preview_jpeg(r, j, c.force_decode, 0, 85)
-                                 : image_raw_preview(r, j, c.force_decode, 0, 85, c.min_side),
-                  IMAGE_RAW_OK);
-        EXPECT_EQ(seen(jpeg), std::tuple(c.width, c.height, top_left));
-    }
-}
-
-TEST(PreviewRotation, TurnsOnlyADecodeAndLeavesNoTemporaryFile)
-{
-    const struct {
-        DngPreview preview;  // jpeg: a 1920 x 1280 preview, taken and never turned
-        int32_t xform;
-        int width, height;
-        Corner red;
-    } cases[] = {{DngPreview::none, 1, kW, kH, top_left},  // a mirror: not carried out
-                 {DngPreview::none, 2, kW, kH, bottom_left},
-                 {DngPreview::none, 5, kH, kW, top_right},
-                 {DngPreview::none, 6, kW, kH, bottom_right},
-                 {DngPreview::none, 7, kH, kW, bottom_left},
-                 {DngPreview::jpeg, 6, 1920, 1280, top_left}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE("xform " + std::to_string(c.xform));
-        TempDir dir;
-        const std::string raw = dir.path("r.dng"), jpeg = dir.path("r.jpg");
-        ASSERT_TRUE(write_dng(raw, sized(1920, 1280, c.preview)));
-        EXPECT_EQ(image_raw_to_preview_jpeg(raw.c_str(), jpeg.c_str(), 0, c.xform, 85), 0);
-        EXPECT_EQ(seen(jpeg), std::tuple(c.width, c.height, c.red));
+        EXPECT_EQ(c.min_side < 0 ? image_raw_to_preview_jpeg(r, j, c.force_decode, c.xform, 85)
+                                 : image_raw_preview(r, j, c.force_decode, c.xform, 85, c.min_side),
+                  c.rc);
+        if (c.rc == 0)
+            EXPECT_EQ(seen(jpeg), std::tuple(c.width, c.height, c.red));
+        else
+            EXPECT_EQ(size_of(jpeg), c.width);
         EXPECT_EQ(size_of(jpeg + ".tmp"), -1);
     }
 }
 
 // The turned file is jpeg_path + ".tmp": up to the longest path the system
 // takes it works; one character more is refused before anything is written.
-TEST(PreviewRotation, LongOutputPathsFitOrFailCleanly)
+TEST(Preview, LongOutputPathsFitOrFailCleanly)
 {
     TempDir dir;
     const std::string raw = dir.path("l.dng");
@@ -147,42 +140,6 @@ TEST(PreviewRotation, LongOutputPathsFitOrFailCleanly)
     // Without a rotation the name of the turned file is never needed.
     EXPECT_EQ(image_raw_to_preview_jpeg(raw.c_str(), too_long.c_str(), 1, 0, 85), 0);
 }
-
-TEST(PreviewFailure, ReturnsItsCodeAndLeavesOnlyWhatItOpened)
-{
-    enum Source { dng, text, missing };
-    const struct {
-        const char *name;
-        Source source;
-        DngOptions dng;
-        bool unwritable;
-        int32_t force_decode, xform, expected;
-        long left;  // size of what is left at jpeg_path, -1: nothing
-    } cases[] = {
-        {"text file", text, {}, false, 0, 0, -1, -1},
-        {"missing file", missing, {}, false, 0, 6, -1, -1},
-        {"output unwritable", dng, {}, true, 1, 0, -2, -1},
-        // The preview cannot be written either; the decode reports it.
-        {"output unwritable, big preview", dng, sized(1920, 1280), true, 0, 0, -2, -1},
-        {"one-colour decode", dng, {.cfa = false}, false, 1, 0, -4, 0},
-        // A failed decode is not passed to the rotation.
-        {"one-colour decode with rotation", dng, {.cfa = false}, false, 1, 6, -1, 0},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        TempDir dir;
-        const std::string raw = dir.path("f.dng");
-        const std::string jpeg = dir.path(c.unwritable ? "no/such/dir/out.jpg" : "out.jpg");
-        ASSERT_TRUE(c.source == missing || (c.source == text ? write_file(raw, {'t', 'e', 'x'})
-                                                              : write_dng(raw, c.dng)));
-        EXPECT_EQ(image_raw_to_preview_jpeg(raw.c_str(), jpeg.c_str(), c.force_decode, c.xform,
-                                            85), c.expected);
-        EXPECT_EQ(size_of(jpeg), c.left);
-        EXPECT_EQ(size_of(jpeg + ".tmp"), -1);
-    }
-}
-
-// ---- the JPEG writer ----
 
 // A flat 16 x 16 picture of one sample value through the writer, decoded
 // back: its centre value, or -1000 + the writer's result.
@@ -217,9 +174,7 @@ TEST(RgbToJpeg, RescalesEachSampleFormOrRefuses)
     std::fclose(full);
 }
 
-// ---- RAW metadata and the entry points' RAW routes ----
-
-struct ScopedTz {  // LibRaw and the reader both work in local time
+struct ScopedTz {
     std::string old = std::getenv("TZ") ? std::getenv("TZ") : "";
     explicit ScopedTz(const char *tz) { setenv("TZ", tz, 1), tzset(); }
     ~ScopedTz() { old.empty() ? unsetenv("TZ") : setenv("TZ", old.c_str(), 1), tzset(); }
@@ -232,28 +187,10 @@ image_metadata filled_with(uint8_t byte)
     return m;
 }
 
-image_metadata raw_record(const DngOptions &dng)
-{
-    TempDir dir;
-    EXPECT_TRUE(write_dng(dir.path("m.dng"), dng));
-    image_metadata m = filled_with(0xAB);
-    EXPECT_EQ(image_metadata_from_raw(dir.path("m.dng").c_str(), &m), 0);
-    return m;
-}
-
-// Date, exposure time, f-number and focal length.
-std::string summary(const image_metadata &m)
-{
-    char s[96];
-    std::snprintf(s, sizeof s, "%s %u/%u %u/%u %u/%u", m.date_time, m.exposure_time.numerator,
-                  m.exposure_time.denominator, m.f_number.numerator, m.f_number.denominator,
-                  m.focal_length.numerator, m.focal_length.denominator);
-    return s;
-}
-
+// Reserved bytes included, in any time zone: LibRaw and the reader both
+// work in local time.
 TEST(RawMetadata, FillsTheWholeRecord)
 {
-    ScopedTz tz("UTC0");
     image_metadata want = filled_with(0);
     want.width = kW;
     want.height = kH;
@@ -266,28 +203,14 @@ TEST(RawMetadata, FillsTheWholeRecord)
     want.iso = 400;
     want.iso_valid = want.flash = want.flash_valid = 1;
     want.focal_length = {50, 1};
-    const image_metadata got = raw_record({});
-    EXPECT_EQ(summary(got), summary(want));
-    EXPECT_EQ(std::memcmp(&got, &want, sizeof got), 0);  // reserved bytes included
-}
-
-TEST(RawMetadata, WholeUnitsAndLocalTime)
-{
-    const std::string date = "2021:06:15 14:30:45 ";
-    const struct { const char *tz; DngOptions dng; std::string expected; } rows[] = {
-        {"UTC0", {.exposure = {1, 3}, .f_number = {56, 10}, .focal_length = {45, 10}},
-         date + "1000/3000 6/1 5/1"},  // halves away from 0
-        {"UTC0", {.exposure = {2, 1}, .f_number = {14, 10}, .focal_length = {244, 10}},
-         date + "1000/500 1/1 24/1"},
-        {"UTC0", {.exposure = {0, 1}, .f_number = {0, 1}, .focal_length = {0, 1}},
-         date + "1000/0 0/1 0/1"},
-        {"EST5EDT,M3.2.0,M11.1.0", {}, date + "1000/250000 3/1 50/1"},
-        {"UTC0", {.dated = false}, "1970:01:01 00:00:00 1000/250000 3/1 50/1"},  // the epoch
-        {"JST-9", {.dated = false}, "1970:01:01 09:00:00 1000/250000 3/1 50/1"},
-    };
-    for (const auto &r : rows) {
-        ScopedTz tz(r.tz);
-        EXPECT_EQ(summary(raw_record(r.dng)), r.expected) << r.tz;
+    TempDir dir;
+    ASSERT_TRUE(write_dng(dir.path("m.dng"), {}));
+    for (const char *zone : {"UTC0", "EST5EDT,M3.2.0,M11.1.0", "JST-9"}) {
+        ScopedTz tz(zone);
+        image_metadata got = filled_with(0xAB);
+        EXPECT_EQ(image_metadata_from_raw(dir.path("m.dng").c_str(), &got), 0);
+        EXPECT_STREQ(got.date_time, want.date_time) << zone;
+        EXPECT_EQ(std::memcmp(&got, &want, sizeof got), 0) << zone;
     }
 }
 

@@ -1,44 +1,40 @@
-// A small Exif writer for tests: APP1 payloads ("Exif\0\0" and a TIFF
-// structure) with IFD0, an EXIF IFD and a GPS IFD in either byte order,
-// broken ones included (counts that lie, offsets past the end).
+// TIFF structures for tests: Exif APP1 payloads in either byte order, and
+// the DNG files of dng_writer.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace qbtest {
 
-enum : uint16_t {  // TIFF field types
-    kTiffByte = 1, kTiffAscii = 2, kTiffShort = 3, kTiffLong = 4,
-    kTiffRational = 5, kTiffUndefined = 7, kTiffSRational = 10,
-};
+enum : uint16_t { kTiffByte = 1, kTiffAscii = 2, kTiffShort = 3, kTiffLong = 4, kTiffRational = 5 };
 
-// One IFD entry. Units are of the type's width (a rational is two 4-byte
-// units), laid out in the block's byte order.
+// One IFD entry: values of the type's width, a rational taking two. With an
+// offset, that is written in place of the values and no data goes out.
 struct ExifField {
-    uint16_t tag = 0;
-    uint16_t type = 0;
-    uint32_t count = 0;  // as written; free to disagree with the units
-    std::vector<uint32_t> units;
-    std::optional<uint32_t> offset;  // written instead of the value, no data
+    uint16_t tag = 0, type = 0;
+    std::vector<uint32_t> units{};
+    std::optional<uint32_t> offset{};
 };
 
-ExifField exif_ascii(uint16_t tag, const std::string &text);  // NUL counted
-ExifField exif_bytes(uint16_t tag, uint16_t type, const std::vector<uint8_t> &bytes);
-ExifField exif_short(uint16_t tag, const std::vector<uint16_t> &values);
-ExifField exif_long(uint16_t tag, const std::vector<uint32_t> &values);
-ExifField exif_rational(uint16_t tag, const std::vector<std::pair<uint32_t, uint32_t>> &values);
+inline ExifField exif_ascii(uint16_t tag, const std::string &text)  // NUL counted
+{
+    return {tag, kTiffAscii, {text.c_str(), text.c_str() + text.size() + 1}};
+}
+inline ExifField exif_short(uint16_t tag, const std::vector<uint16_t> &values)
+{
+    return {tag, kTiffShort, {values.begin(), values.end()}};
+}
 
 struct ExifBlock {
     bool big_endian = false;
-    std::vector<ExifField> ifd0, exif, gps;  // an empty exif or gps: no such IFD
-    std::optional<uint32_t> exif_pointer;     // forced offset of the EXIF IFD
+    std::vector<ExifField> ifd0{}, exif{}, gps{}, sub{};  // empty: no such IFD; sub: tag 330
+    std::vector<uint8_t> data{};                          // at offset 8, ahead of the IFDs
 };
 
-// Entries in ascending tag order; IFD0 points to the other two.
-std::vector<uint8_t> build_exif(const ExifBlock &block);
+std::vector<uint8_t> build_tiff(const ExifBlock &block);  // IFD0 last
+std::vector<uint8_t> build_exif(const ExifBlock &block);  // "Exif\0\0" and the TIFF
 
 }  // namespace qbtest
