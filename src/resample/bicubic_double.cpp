@@ -10,48 +10,21 @@
 // renormalises what remains.
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
+#include <algorithm>
 
+#include "resample/bicubic_taps.h"
 #include "resample/resample.h"
 
 namespace {
 
-// The four source columns (or rows) around one sample position, with their
-// kernel weights. A tap outside the picture is marked and never read; its
-// weight would go unused, so it is not computed.
-struct bicubic_taps {
-    int64_t first;  // index of tap 0: floor(position) - 1
-    bool inside[4];
-    double weight[4];
-};
-
-bicubic_taps taps_at(double position, int32_t size) {
-    bicubic_taps taps{};
-    double f = std::floor(position);
-    // Far outside the picture no tap can reach it whatever the exact floor,
-    // so clamping there keeps the conversion defined for any finite
-    // position without changing a pixel.
-    if (f < -4.0) f = -4.0;
-    if (f > size + 4.0) f = size + 4.0;
-    taps.first = static_cast<int64_t>(f) - 1;
-    for (int k = 0; k < 4; ++k) {
-        const int64_t index = taps.first + k;
-        taps.inside[k] = index >= 0 && index < size;
-        taps.weight[k] =
-            taps.inside[k]
-                ? image_bicubic_weight_double(static_cast<int32_t>(index),
-                                              position)
-                : 0.0;
-    }
-    return taps;
-}
+using taps = bicubic_taps<double>;
 
 // One destination pixel from its column and row taps. The weight of a
 // neighbour is its column weight times its row weight; sums run over rows,
 // then columns, in rising order.
 void bicubic_pixel(const image_rows src_rows, uint8_t *dst, int32_t components,
-                   int32_t adobe, const bicubic_taps &tx,
-                   const bicubic_taps &ty) {
+                   int32_t adobe, const taps &tx,
+                   const taps &ty) {
     double sum[4] = {0.0, 0.0, 0.0, 0.0};
     double total = 0.0;
     const double *lin = image_lin_double;
@@ -123,16 +96,13 @@ void image_bicubic_pixel_double(const image_rows src_rows, image_rows dst_rows,
     if (!std::isfinite(px) || !std::isfinite(py)) return;
     bicubic_pixel(src_rows, dst_rows[y] + static_cast<size_t>(x) * components,
                   components, matrix_wanted(components, adobe),
-                  taps_at(px, src_width),
-                  taps_at(py, src_height));
+                  bicubic_taps_at<double>(px, src_width),
+                  bicubic_taps_at<double>(py, src_height));
 }
 
-// The column taps are worked out once per call (each is a pure function of
-// px = x * ratio + x_offset, so the values are those of a per-pixel
-// computation) and the row taps once per row. Returns without writing when
-// the arguments admit no picture (no destination size, a ratio that is not
-// a positive finite number, components outside 1..4) or when the column
-// table cannot be allocated; the rows then keep what they held.
+// Returns without writing when the arguments admit no picture: no
+// destination size, a ratio that is not a positive finite number, or
+// components outside 1..4.
 void image_resample_bicubic_double(const image_rows src_rows,
                                    image_rows dst_rows, int32_t x_offset,
                                    int32_t y_offset, int32_t src_width,
@@ -144,18 +114,17 @@ void image_resample_bicubic_double(const image_rows src_rows,
     if (!components_usable(components)) return;
     const int32_t matrix = matrix_wanted(components, adobe);
 
-    auto *columns = static_cast<bicubic_taps *>(
-        std::malloc(sizeof(bicubic_taps) * static_cast<size_t>(dst_width)));
-    if (!columns) return;
-    for (int32_t x = 0; x < dst_width; ++x)
-        columns[x] = taps_at(x * ratio + x_offset, src_width);
-
-    for (int32_t y = 0; y < dst_height; ++y) {
-        const bicubic_taps row = taps_at(y * ratio + y_offset, src_height);
-        uint8_t *dst = dst_rows[y];
-        for (int32_t x = 0; x < dst_width; ++x)
-            bicubic_pixel(src_rows, dst + static_cast<size_t>(x) * components,
-                          components, matrix, columns[x], row);
+    taps strip[kBicubicStrip];
+    for (int32_t x0 = 0; x0 < dst_width; x0 += kBicubicStrip) {
+        const int32_t count = std::min(kBicubicStrip, dst_width - x0);
+        for (int32_t k = 0; k < count; ++k)
+            strip[k] = bicubic_taps_at<double>((x0 + k) * ratio + x_offset, src_width);
+        for (int32_t y = 0; y < dst_height; ++y) {
+            const taps row = bicubic_taps_at<double>(y * ratio + y_offset, src_height);
+            uint8_t *dst = dst_rows[y] + static_cast<size_t>(x0) * components;
+            for (int32_t k = 0; k < count; ++k)
+                bicubic_pixel(src_rows, dst + static_cast<size_t>(k) * components,
+                              components, matrix, strip[k], row);
+        }
     }
-    std::free(columns);
 }

@@ -18,6 +18,7 @@
 // with -fno-fast-math (QB_FP_FLAGS in the top-level CMakeLists.txt). The
 // checks below stop a fast-math build or one that evaluates single
 // arithmetic in a wider format.
+#include "resample/bicubic_taps.h"
 #include "resample/resample.h"
 
 #if defined(IMAGE_RESAMPLE_SSE2)
@@ -37,39 +38,7 @@ static_assert(FLT_EVAL_METHOD == 0,
 
 namespace {
 
-// Destination columns are worked in strips of this many, so that the four
-// column weights of each are computed once per strip rather than once per
-// pixel, in a table that lives on the stack: the form never allocates and
-// cannot fail.
-constexpr int32_t kStrip = 256;
-
-// The four source columns (or rows) around one sample position with their
-// kernel weights, computed in double and rounded to single. A tap outside
-// the picture is marked and never read.
-struct taps {
-    int64_t first;  // index of tap 0: floor(position) - 1
-    bool inside[4];
-    float weight[4];
-};
-
-taps taps_at(double position, int32_t size) {
-    taps t{};
-    double f = std::floor(position);
-    // Far outside the picture no tap reaches it whatever the exact floor;
-    // clamping keeps the conversion defined without changing a pixel.
-    if (f < -4.0) f = -4.0;
-    if (f > size + 4.0) f = size + 4.0;
-    t.first = static_cast<int64_t>(f) - 1;
-    for (int k = 0; k < 4; ++k) {
-        const int64_t index = t.first + k;
-        t.inside[k] = index >= 0 && index < size;
-        t.weight[k] = t.inside[k]
-                          ? static_cast<float>(image_bicubic_weight_double(
-                                static_cast<int32_t>(index), position))
-                          : 0.0f;
-    }
-    return t;
-}
+using taps = bicubic_taps<float>;
 
 struct matrix_columns {
     __m128 red, green, blue;
@@ -115,8 +84,6 @@ void pixel(const image_rows src_rows, uint8_t *dst, const taps &tx,
 
 }  // namespace
 
-// Column positions are x * ratio + x_offset in double, a pure function of
-// x, so working them out per strip gives the values of a per-call table.
 // Returns without writing when the arguments admit no picture: no
 // destination size, a ratio that is not a positive finite number, or other
 // than three components, the only count this form is made for.
@@ -135,13 +102,13 @@ void image_resample_bicubic_vector(const image_rows src_rows,
                                        _mm_setr_ps(a[2], a[5], a[8], 0.0f)};
     const matrix_columns *m = adobe ? &by_columns : nullptr;
 
-    taps strip[kStrip];
-    for (int32_t x0 = 0; x0 < dst_width; x0 += kStrip) {
-        const int32_t count = std::min(kStrip, dst_width - x0);
+    taps strip[kBicubicStrip];
+    for (int32_t x0 = 0; x0 < dst_width; x0 += kBicubicStrip) {
+        const int32_t count = std::min(kBicubicStrip, dst_width - x0);
         for (int32_t k = 0; k < count; ++k)
-            strip[k] = taps_at((x0 + k) * ratio + x_offset, src_width);
+            strip[k] = bicubic_taps_at<float>((x0 + k) * ratio + x_offset, src_width);
         for (int32_t y = 0; y < dst_height; ++y) {
-            const taps row = taps_at(y * ratio + y_offset, src_height);
+            const taps row = bicubic_taps_at<float>(y * ratio + y_offset, src_height);
             uint8_t *dst = dst_rows[y] + static_cast<size_t>(x0) * 3;
             for (int32_t k = 0; k < count; ++k)
                 pixel(src_rows, dst + static_cast<size_t>(k) * 3, strip[k], row,
