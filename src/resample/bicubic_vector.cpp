@@ -10,31 +10,16 @@
 //
 // Every product and every sum is rounded to single by itself, and the
 // steps taken in double are named as such.
-//
-// No multiply may be fused with an add. SSE2 has no fused instruction, but
-// GCC treats these intrinsics as plain vector arithmetic and would contract
-// them if a build enabled an instruction set that has one; what forbids it
-// is -ffp-contract=off, which the build passes to every library unit along
-// with -fno-fast-math (QB_FP_FLAGS in the top-level CMakeLists.txt). The
-// checks below stop a fast-math build or one that evaluates single
-// arithmetic in a wider format.
 #include "resample/bicubic_taps.h"
 #include "resample/resample.h"
 
 #if defined(IMAGE_RESAMPLE_SSE2)
 
-#include <emmintrin.h>
+#include "resample/vector_arith.h"
 
 #include <algorithm>
-#include <cfloat>
 #include <cmath>
 #include <cstdint>
-
-#if defined(__FAST_MATH__)
-#error "the single-precision resamplers need IEEE arithmetic: no fast-math"
-#endif
-static_assert(FLT_EVAL_METHOD == 0,
-              "single-precision steps must round to single, not wider");
 
 namespace {
 
