@@ -14,7 +14,7 @@
 #include <cstring>
 #include <vector>
 
-#include "image_internal.h"
+#include "pipeline/pipeline.h"
 #include "resample/resample.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <tuple>
 
 #include "exif_writer.h"
-#include "image_metadata.h"
+#include "metadata/metadata.h"
 #include "test_jpeg.h"
 
 using namespace qbtest;

@@ -10,7 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "exif_writer.h"
-#include "image_internal.h"
+#include "core/core.h"
+#include "pipeline/pipeline.h"
 #include "test_jpeg.h"
 
 using namespace qbtest;

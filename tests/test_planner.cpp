@@ -2,7 +2,7 @@
 // and crop, plus the requests it refuses.
 #include <gtest/gtest.h>
 
-#include "image_internal.h"
+#include "pipeline/pipeline.h"
 
 namespace {
 

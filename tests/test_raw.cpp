@@ -13,7 +13,8 @@
 #include <tuple>
 
 #include "dng_writer.h"
-#include "image_raw.h"
+#include "raw/raw.h"
+#include "metadata/metadata.h"
 #include "test_jpeg.h"
 
 using namespace qbtest;

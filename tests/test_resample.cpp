@@ -13,7 +13,7 @@
 #include <tuple>
 #include <vector>
 
-#include "image_internal.h"
+#include "pipeline/pipeline.h"
 #include "resample/resample.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "image_transform.h"
+#include "transform/transform.h"
 #include "qbimage.h"
 #include "test_jpeg.h"
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "image_internal.h"
+#include "pipeline/pipeline.h"
 
 namespace {
 

@@ -1,20 +1,12 @@
-// Internal declarations of the camera RAW units: the preview writer behind
-// image_raw_to_preview_jpeg and the thumbnail entry, the full decode and its
-// JPEG writer, and the RAW metadata reader behind image_get_metadata.
-// Nothing here is exported from the shared object.
+// Internal declarations of the camera RAW preview: the preview writer
+// behind image_raw_to_preview_jpeg and the thumbnail entry, the full decode
+// and its JPEG writer. Nothing here is exported from the shared object.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
 
-// LibRaw's header carries its C++ classes too, and one of their inline
-// functions throws when its pool check is on. The library is built without
-// exceptions and uses only the C interface, which the check does not touch.
-#ifndef LIBRAW_NO_MEMPOOL_CHECK
-#define LIBRAW_NO_MEMPOOL_CHECK
-#endif
-#include <libraw/libraw.h>
-
+#include "common/libraw.h"
 #include "qbimage.h"
 
 // Results of the RAW preview functions.
@@ -52,10 +44,3 @@ int32_t image_raw_decode_to_jpeg(libraw_data_t *raw, const char *jpeg_path,
 int32_t image_rgb_to_jpeg(FILE *stream, int32_t width, int32_t height,
                           int32_t maxval, const void *samples,
                           int32_t quality);
-
-// Fill `meta` from what LibRaw parses when it opens the RAW file at `path`.
-// The whole record is cleared first, so on failure it holds zeros. The
-// orientation is not applied to width and height here. Returns 0 (also for
-// a null record, when nothing is done), or -1 for a missing or empty file,
-// no LibRaw handle, or a file that LibRaw refuses.
-int32_t image_metadata_from_raw(const char *path, image_metadata *meta);

@@ -8,7 +8,7 @@
 // and cannot overflow as a 32-bit product of two large sides would.
 #include <cmath>
 
-#include "image_internal.h"
+#include "pipeline/pipeline.h"
 
 namespace {
 
@@ -24,11 +24,6 @@ int32_t round32(double v)
 
 double quot(double a, double b) { return a / b; }
 
-bool exchanges_sides(image_xform xform)
-{
-    return xform == IMAGE_XFORM_TRANSPOSE || xform == IMAGE_XFORM_TRANSVERSE ||
-           xform == IMAGE_XFORM_ROT_90 || xform == IMAGE_XFORM_ROT_270;
-}
 
 }  // namespace
 
@@ -109,7 +104,7 @@ image_scale_plan image_scale_plan_for_size(int32_t sw, int32_t sh,
 
     int32_t tw = params->width;
     int32_t th = params->height;
-    if (exchanges_sides(xform)) {
+    if (image_xform_exchanges_sides(xform)) {
         tw = params->height;
         th = params->width;
     }

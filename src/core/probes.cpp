@@ -7,7 +7,7 @@
 #include <cpuid.h>
 #endif
 
-#include "image_internal.h"
+#include "common/common.h"
 
 namespace {
 

@@ -1,36 +1,10 @@
-// Internal declarations shared by the library's units and its tests.
-// Nothing here is exported from the shared object.
+// The JPEG scaling pipeline as the rest of the library sees it: the
+// planner, the decode cache, the encoder, the Exif stamp and the overlay
+// behind image_jpeg_scale. Nothing here is exported from the shared object.
 #pragma once
 
-#include <csetjmp>
-#include <cstdint>
-#include <cstdio>
-
-#include "qbimage.h"
+#include "common/common.h"
 #include "resample/resample.h"
-
-// A libjpeg error manager with a jump buffer right behind it. Each libjpeg
-// object of the library has its own; image_jpeg_error_exit finds the buffer
-// through the object's `err` pointer and jumps there, so a fatal libjpeg
-// error never returns into libjpeg and its message is never printed.
-struct image_jpeg_error {
-    struct jpeg_error_mgr mgr;
-    jmp_buf jump;
-};
-
-extern "C" void image_jpeg_error_exit(j_common_ptr cinfo);
-
-// Fill `err` with libjpeg's defaults and install image_jpeg_error_exit.
-// Returns the manager to hand to libjpeg.
-struct jpeg_error_mgr *image_jpeg_error_init(image_jpeg_error *err);
-
-// ---- row store ----
-image_rows image_rows_alloc(uint32_t width, uint32_t height,
-                            uint32_t components);
-void image_rows_free(image_rows rows, uint32_t height, int owned);
-void image_rows_rotate(const image_rows source, image_rows target,
-                       image_xform xform, uint32_t width, uint32_t height,
-                       uint32_t components);
 
 // ---- planner ----
 struct image_scale_plan {
@@ -88,16 +62,3 @@ int image_overlay_blend(image_rows rows, uint32_t width, uint32_t height,
                         image_overlay *overlay);
 uint8_t image_blend_byte(uint8_t base, uint8_t top, double opacity);
 
-// ---- thumbnail routes ----
-int32_t image_thumb_from_jpeg(const image_ctx *ctx, const char *path,
-                              const char *output,
-                              const image_scale_params *params,
-                              image_xform xform);
-
-// Log through the host's callback, always at level_error.
-#define IMAGE_LOG(ctx, code, file, line, ...)                                 \
-    do {                                                                      \
-        if ((ctx)->log)                                                       \
-            (ctx)->log((ctx)->level_error, (ctx)->user, (code), (file),       \
-                       (line), __VA_ARGS__);                                  \
-    } while (0)

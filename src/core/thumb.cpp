@@ -1,34 +1,15 @@
-// The library frame: the transform tables, the default host record and
-// logger, and the one-call thumbnail with its JPEG route.
+// The one-call thumbnail: the default host record and logger, the entry
+// that classifies the file and stands it upright, and its JPEG route.
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
 #include <unistd.h>
 
-#include "image_internal.h"
-#include "image_raw.h"
-
-// ---------------------------------------------------------------------------
-// Transform tables
-
-extern "C" {
-
-const uint32_t image_orientation2xform[9] = {0, 0, 1, 6, 2, 3, 5, 4, 7};
-
-const uint8_t image_xform_xform_table[8][8] = {
-    {0, 1, 2, 3, 4, 5, 6, 7}, {1, 0, 6, 7, 5, 4, 2, 3},
-    {2, 6, 0, 5, 7, 3, 1, 4}, {3, 5, 7, 0, 6, 1, 4, 2},
-    {4, 7, 5, 6, 0, 2, 3, 1}, {5, 3, 4, 2, 1, 6, 7, 0},
-    {6, 2, 1, 4, 3, 7, 0, 5}, {7, 4, 3, 1, 2, 0, 5, 6},
-};
-
-const uint8_t image_reverse_xform_table[8] = {0, 1, 2, 3, 4, 7, 6, 5};
-
-}  // extern "C"
-
-// ---------------------------------------------------------------------------
-// Default host record
+#include "core/core.h"
+#include "metadata/metadata.h"
+#include "pipeline/pipeline.h"
+#include "raw/raw.h"
 
 namespace {
 
@@ -190,3 +171,4 @@ extern "C" QB_API int32_t image_metadata_get_xml_using_libexiv2(void *, void *,
 {
     return -1;  // there is no XML metadata facility
 }
+

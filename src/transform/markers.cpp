@@ -7,7 +7,7 @@
 #include <cstdarg>
 #include <cstring>
 
-#include "image_transform.h"
+#include "transform/transform.h"
 
 namespace {
 

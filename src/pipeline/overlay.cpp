@@ -3,7 +3,7 @@
 // was, since no sample is touched before everything has been checked.
 #include <cstdio>
 
-#include "image_internal.h"
+#include "pipeline/pipeline.h"
 
 uint8_t image_blend_byte(uint8_t base, uint8_t top, double opacity)
 {

@@ -3,7 +3,7 @@
 // the walk needs no decoder, and passing each segment over by its length
 // means that a thumbnail inside the Exif segment is never mistaken for the
 // main frame.
-#include "image_metadata.h"
+#include "metadata/metadata.h"
 
 #include <sys/stat.h>
 #include <sys/types.h>

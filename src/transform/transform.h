@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "image_internal.h"
+#include "common/common.h"
 
 // Results of image_jpeg_transform.
 constexpr int32_t IMAGE_TRANSFORM_OK = 0;

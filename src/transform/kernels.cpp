@@ -16,7 +16,7 @@
 // every block that the encoder will read.
 #include <array>
 
-#include "image_transform.h"
+#include "transform/transform.h"
 
 extern "C" {
 // libjpeg's own utilities; declared in its private header only.

@@ -1,5 +1,6 @@
-// Internal declarations of the metadata route: the Exif reader behind
-// image_get_metadata and the frame-header probe it reconciles with.
+// Internal declarations of the metadata subsystem: the Exif reader and the
+// LibRaw reader behind image_get_metadata, and the frame-header probe it
+// reconciles with.
 // Nothing here is exported from the shared object.
 #pragma once
 
@@ -29,3 +30,10 @@ int32_t image_jpeg_probe_size(const char *path, uint32_t *width,
 // Read a big-endian 16-bit word. Returns 0, or -1 at the end of the file,
 // leaving `word` untouched.
 int32_t image_read_be16(FILE *stream, uint16_t *word);
+
+// Fill `meta` from what LibRaw parses when it opens the RAW file at `path`.
+// The whole record is cleared first, so on failure it holds zeros. The
+// orientation is not applied to width and height here. Returns 0 (also for
+// a null record, when nothing is done), or -1 for a missing or empty file,
+// no LibRaw handle, or a file that LibRaw refuses.
+int32_t image_metadata_from_raw(const char *path, image_metadata *meta);
