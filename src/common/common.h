@@ -20,6 +20,9 @@ struct image_jpeg_error {
 
 extern "C" void image_jpeg_error_exit(j_common_ptr cinfo);
 
+// An output_message that prints nothing.
+extern "C" void image_jpeg_silent_message(j_common_ptr cinfo);
+
 // Fill `err` with libjpeg's defaults and install image_jpeg_error_exit.
 // Returns the manager to hand to libjpeg.
 struct jpeg_error_mgr *image_jpeg_error_init(image_jpeg_error *err);

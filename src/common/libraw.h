@@ -8,3 +8,8 @@
 #define LIBRAW_NO_MEMPOOL_CHECK
 #endif
 #include <libraw/libraw.h>
+
+// A LibRaw handle whose data and memory error reports go nowhere: LibRaw
+// would otherwise print "unexpected end of file" and the like to stderr,
+// and the library prints nothing. Null when LibRaw has no memory.
+libraw_data_t *image_libraw_init();

@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include "common/files.h"
 #include "core/core.h"
 #include "metadata/metadata.h"
 #include "pipeline/pipeline.h"
@@ -53,7 +54,7 @@ int32_t image_thumb_from_jpeg(const image_ctx *ctx, const char *path,
                               image_xform xform)
 {
     const image_hw_level level = utils_check_hw();
-    FILE *first = std::fopen(path, "rb");
+    FILE *first = image_open_input(path);
     if (!first) {
         IMAGE_LOG(ctx, IMAGE_RC_NOT_FOUND, "image_jpeg", 3069, "Cannot read %s", path);
         return IMAGE_RC_NOT_FOUND;
@@ -83,7 +84,7 @@ int32_t image_thumb_from_jpeg(const image_ctx *ctx, const char *path,
                       "Bad image size %d x %d", int(cache.cinfo.image_width),
                       int(cache.cinfo.image_height));
             result = IMAGE_RC_FAILED;
-        } else if (FILE *reopened = std::fopen(path, "rb"); !reopened) {
+        } else if (FILE *reopened = image_open_input(path); !reopened) {
             IMAGE_LOG(ctx, IMAGE_RC_NOT_FOUND, "image_jpeg", 3098,
                       "Error cannot find %s", path);
             result = IMAGE_RC_NOT_FOUND;
@@ -124,7 +125,8 @@ extern "C" QB_API int32_t easy_image_create_thumb(const char *path,
     const char *dot = path ? std::strrchr(path, '.') : nullptr;
     if (!dot)
         return IMAGE_RC_NOT_FOUND;
-    if (!output)
+    // The thumbnail must never replace its own source, by any name.
+    if (!output || image_same_file(path, output))
         return IMAGE_RC_FAILED;
 
     const image_media_type type = utils_get_media_type(dot + 1);
@@ -146,23 +148,30 @@ extern "C" QB_API int32_t easy_image_create_thumb(const char *path,
         return IMAGE_RC_FAILED;
     }
 
-    // A RAW file goes through a staged JPEG in its stored orientation (any
-    // embedded preview serves), which the JPEG route turns by the RAW
-    // file's orientation read above. The staged file stays behind; the
-    // next RAW thumbnail of this process overwrites it.
-    char staged[4096];
-    if (type == IMAGE_MEDIA_RAW) {
-        std::snprintf(staged, sizeof staged, "/tmp/preview.%u", unsigned(getpid()));
-        if (image_raw_preview(path, staged, 0, IMAGE_XFORM_NONE, 85, 0) != 0)
-            return IMAGE_RC_FAILED;
-        path = staged;
-    }
-
     image_scale_params params = kThumbDefaults;
     params.width = width;
     params.height = height;
     params.quality = quality;
-    return image_thumb_from_jpeg(&ctx, path, output, &params, xform);
+    if (type != IMAGE_MEDIA_RAW)
+        return image_thumb_from_jpeg(&ctx, path, output, &params, xform);
+
+    // A RAW file goes through a staged JPEG in its stored orientation (any
+    // embedded preview serves), which the JPEG route turns by the RAW
+    // file's orientation read above. The staging file gets a name of its
+    // own, created exclusively and readable by us only: a fixed name in
+    // /tmp could be a link planted by another user, and would be shared by
+    // threads making RAW thumbnails at once. It goes when the thumbnail is
+    // made or has failed.
+    char staged[] = "/tmp/preview.XXXXXX";
+    const int fd = mkstemp(staged);
+    if (fd < 0)
+        return IMAGE_RC_FAILED;
+    close(fd);
+    int32_t result = IMAGE_RC_FAILED;
+    if (image_raw_preview(path, staged, 0, IMAGE_XFORM_NONE, 85, 0) == 0)
+        result = image_thumb_from_jpeg(&ctx, staged, output, &params, xform);
+    unlink(staged);
+    return result;
 }
 
 extern "C" QB_API int32_t image_metadata_get_xml_using_libexiv2(void *, void *,

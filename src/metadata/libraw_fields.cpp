@@ -100,9 +100,9 @@ int32_t image_metadata_from_raw(const char *path, image_metadata *meta)
     // Cleared before any test, so that a failure leaves a record of zeros.
     std::memset(meta, 0, sizeof *meta);
     struct stat st;
-    if (!path || stat(path, &st) != 0 || st.st_size == 0)
+    if (!path || stat(path, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size == 0)
         return -1;
-    libraw_data_t *raw = libraw_init(0);
+    libraw_data_t *raw = image_libraw_init();
     if (!raw)
         return -1;
     if (libraw_open_file(raw, path) != LIBRAW_SUCCESS) {

@@ -26,6 +26,9 @@ extern "C" QB_API void image_jpeg_jcache_init(image_jcache *cache,
 {
     std::memset(cache, 0, sizeof *cache);
     cache->cinfo.err = jpeg_std_error(err);
+    // libjpeg would print its warnings ("Corrupt JPEG data...") to stderr;
+    // the library prints nothing. A host may install its own afterwards.
+    err->output_message = image_jpeg_silent_message;
 }
 
 extern "C" QB_API void image_jpeg_jcache_clean(image_jcache *cache)

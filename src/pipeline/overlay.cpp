@@ -34,7 +34,7 @@ int image_overlay_blend(image_rows rows, uint32_t width, uint32_t height,
 {
     if (!overlay || !overlay->path || !rows)
         return -1;
-    FILE *f = std::fopen(overlay->path, "rb");
+    FILE *f = image_open_input(overlay->path);
     if (!f)
         return -1;
 
@@ -51,6 +51,12 @@ int image_overlay_blend(image_rows rows, uint32_t width, uint32_t height,
         jpeg_create_decompress(&dinfo);
         jpeg_stdio_src(&dinfo, f);
         jpeg_read_header(&dinfo, TRUE);
+        // An overlay larger than the picture is never used; refusing it
+        // before the start keeps a progressive one from buffering all its
+        // coefficients first.
+        if (dinfo.image_width > width || dinfo.image_height > height ||
+            image_jpeg_header_refused(&dinfo, f))
+            longjmp(err.jump, 1);
         dinfo.scale_num = 1;
         dinfo.scale_denom = 1;
         dinfo.two_pass_quantize = FALSE;

@@ -4,6 +4,8 @@
 #pragma once
 
 #include "common/common.h"
+#include "common/files.h"
+#include "common/limits.h"
 #include "resample/resample.h"
 
 // ---- planner ----

@@ -6,6 +6,7 @@
 // operands, with any product in front of a quotient formed first. Products
 // are formed in double: they are exact for every size the library can hold,
 // and cannot overflow as a 32-bit product of two large sides would.
+#include <algorithm>
 #include <cmath>
 
 #include "pipeline/pipeline.h"
@@ -193,6 +194,17 @@ image_scale_plan image_scale_plan_for_size(int32_t sw, int32_t sh,
     // A side that rounds to nothing (a tiny box against an elongated
     // photo) leaves nothing to encode.
     plan.valid = tw > 0 && th > 0 && plan.ratio > 0.0 && std::isfinite(plan.ratio);
+    // Past these bounds the rows alone would take gigabytes: a mode-0 box on
+    // a 1 x 65500 strip plans a picture 65 million pixels tall. The padded
+    // modes produce the box itself, which must fit as well.
+    const bool padded = params->mode == IMAGE_SCALE_FILL_CORNER_PAD ||
+                        params->mode == IMAGE_SCALE_FIT_BOX_PAD;
+    const int64_t ow = padded ? std::max(tw, params->width) : tw;
+    const int64_t oh = padded ? std::max(th, params->height) : th;
+    if (!image_source_size_ok(uint64_t(sw), uint64_t(sh)) ||
+        ow > IMAGE_MAX_OUTPUT_SIDE || oh > IMAGE_MAX_OUTPUT_SIDE ||
+        uint64_t(ow) * uint64_t(oh) > IMAGE_MAX_OUTPUT_PIXELS)
+        plan.valid = 0;
     return plan;
 }
 

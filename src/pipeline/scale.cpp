@@ -94,6 +94,11 @@ extern "C" QB_API int32_t image_jpeg_scale(image_hw_level level,
     if (!cache || !params || !output)
         return IMAGE_SCALE_FAILED;
 
+    // A header that names a picture too large, or far more blocks than the
+    // file can hold, is refused before the decode allocates anything.
+    if (stream && !cache->rows && image_jpeg_header_refused(&cache->cinfo, stream))
+        return IMAGE_SCALE_FAILED;
+
     stage_rows work{nullptr, 0, 0, 0};
     const image_scale_plan plan =
         image_scale_plan_make(cache, params, stream == nullptr, xform);
@@ -184,7 +189,8 @@ extern "C" QB_API int32_t image_jpeg_scale(image_hw_level level,
 
     // Opened only now, so that a failed decode leaves an existing file alone.
     const bool to_stdout = std::strcmp(output, "-") == 0;
-    FILE *out = to_stdout ? stdout : std::fopen(output, "wb");
+    // An output that is the source itself is refused untouched.
+    FILE *out = to_stdout ? stdout : image_open_output(output, &stream, 1);
     if (!out) {
         release(&work);
         return IMAGE_SCALE_NO_OUTPUT;

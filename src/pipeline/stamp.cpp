@@ -67,7 +67,7 @@ int image_exif_stamp_write(j_compress_ptr cinfo, uint32_t orientation,
     // A thumbnail that exists but cannot be opened is treated like a missing
     // one: no IFD1 at all, rather than a directory that promises bytes it
     // does not hold.
-    FILE *thumb = have_thumb ? std::fopen(thumb_path, "rb") : nullptr;
+    FILE *thumb = have_thumb ? image_open_input(thumb_path) : nullptr;
     have_thumb = thumb != nullptr;
 
     uint8_t *p = buf;

@@ -15,6 +15,8 @@
 #include <unistd.h>
 
 #include "common/common.h"
+#include "common/files.h"
+#include "common/limits.h"
 
 namespace {
 
@@ -22,10 +24,25 @@ namespace {
 // Embedded preview
 
 enum class preview_outcome {
-    written,   // jpeg_path holds the camera's preview
-    not_used,  // none, too small, not a JPEG, or it could not be written
-    spoiled,   // unpacking it failed, and with it the handle's decoder
+    written,    // jpeg_path holds the camera's preview
+    not_used,   // none, too small, or not a JPEG
+    spoiled,    // unpacking it failed, and with it the handle's decoder
+    no_output,  // jpeg_path cannot be opened for writing
+    failed,     // a write or the close failed: no whole JPEG at jpeg_path
 };
+
+// Writes `bytes` to jpeg_path, checking every write and the close, which
+// LibRaw's own thumbnail writer does not: a full disk must not pass for a
+// preview.
+preview_outcome write_bytes(const char *jpeg_path, const void *bytes, size_t size)
+{
+    FILE *stream = image_open_output(jpeg_path, nullptr, 0);
+    if (!stream)
+        return preview_outcome::no_output;
+    const bool written = std::fwrite(bytes, 1, size, stream) == size;
+    const bool closed = std::fclose(stream) == 0;
+    return written && closed ? preview_outcome::written : preview_outcome::failed;
+}
 
 // The camera's own JPEG, written as LibRaw hands it over. No sensor data
 // is read on this path, which is what makes a preview cheap. Neither xform
@@ -46,9 +63,16 @@ preview_outcome write_embedded_preview(libraw_data_t *raw,
         return preview_outcome::spoiled;
     if (thumb.tformat != LIBRAW_THUMBNAIL_JPEG)
         return preview_outcome::not_used;
-    if (libraw_dcraw_thumb_writer(raw, jpeg_path) != LIBRAW_SUCCESS)
+    int error = 0;
+    libraw_processed_image_t *image = libraw_dcraw_make_mem_thumb(raw, &error);
+    if (!image)
         return preview_outcome::not_used;
-    return preview_outcome::written;
+    const preview_outcome outcome =
+        image->type == LIBRAW_IMAGE_JPEG
+            ? write_bytes(jpeg_path, image->data, image->data_size)
+            : preview_outcome::not_used;
+    libraw_dcraw_clear_mem(image);
+    return outcome;
 }
 
 // ---------------------------------------------------------------------------
@@ -161,6 +185,10 @@ int32_t preview_from_handle(libraw_data_t *raw, const char *raw_path,
     switch (write_embedded_preview(raw, jpeg_path, force_decode, min_side)) {
     case preview_outcome::written:
         return IMAGE_RAW_OK;
+    case preview_outcome::no_output:
+        return IMAGE_RAW_NO_OUTPUT;
+    case preview_outcome::failed:
+        return IMAGE_RAW_FAILED;
     case preview_outcome::spoiled:
         // A failed preview unpack (a damaged offset, say) leaves the handle
         // unable to unpack the sensor data too. Only a fresh open restores
@@ -172,6 +200,16 @@ int32_t preview_from_handle(libraw_data_t *raw, const char *raw_path,
     case preview_outcome::not_used:
         break;
     }
+
+    // The sensor data is decoded only within the source bound, and only
+    // from a file that holds at least a bit per pixel: real RAW files hold
+    // many, and a few bytes claiming megapixels would cost seconds of
+    // demosaicing padding.
+    const uint64_t pixels = uint64_t(raw->sizes.raw_width) * raw->sizes.raw_height;
+    struct stat st;
+    if (!image_source_size_ok(raw->sizes.raw_width, raw->sizes.raw_height) ||
+        stat(raw_path, &st) != 0 || pixels > uint64_t(st.st_size) * 8)
+        return IMAGE_RAW_FAILED;
 
     // Codes under 2 leave the decode as stored: 1, the horizontal mirror,
     // is not one that this route carries out.
@@ -209,9 +247,12 @@ int32_t image_raw_preview(const char *raw_path, const char *jpeg_path,
                           int32_t force_decode, int32_t xform,
                           int32_t quality, int32_t min_side)
 {
-    if (!raw_path || !jpeg_path)
+    if (!raw_path || !jpeg_path || !image_is_regular_file(raw_path))
         return IMAGE_RAW_FAILED;
-    libraw_data_t *raw = libraw_init(0);
+    // The preview must never replace the RAW file it comes from.
+    if (image_same_file(raw_path, jpeg_path))
+        return IMAGE_RAW_NO_OUTPUT;
+    libraw_data_t *raw = image_libraw_init();
     if (!raw)
         return IMAGE_RAW_FAILED;
     const int32_t result = preview_from_handle(raw, raw_path, jpeg_path,
@@ -235,7 +276,7 @@ int32_t image_raw_decode_to_jpeg(libraw_data_t *raw, const char *jpeg_path,
                                  int32_t quality)
 {
     // Opened before the slow work, so a bad output path fails at once.
-    FILE *stream = fopen64(jpeg_path, "wb");
+    FILE *stream = image_open_output(jpeg_path, nullptr, 0);
     if (!stream)
         return IMAGE_RAW_NO_OUTPUT;
 

@@ -139,7 +139,7 @@ int32_t transform_session(FILE *input, FILE *output, uint32_t xform,
             jpeg_create_compress(&cinfo);
             have_encoder = 1;
             jpeg_stdio_dest(&cinfo, output);
-            image_transform_run(&dinfo, &cinfo, xform, crop, quality, &bufs);
+            image_transform_run(&dinfo, &cinfo, input, xform, crop, quality, &bufs);
         } else {
             result = IMAGE_TRANSFORM_ENCODER_FAILED;
         }
@@ -177,10 +177,12 @@ extern "C" QB_API int32_t image_jpeg_transform(const char *path,
                                                const image_crop *crop,
                                                int32_t quality)
 {
-    FILE *in = fopen64(path, "rb");
+    // Only a regular file is read (a FIFO would block), and an output that
+    // is the input itself, by any name, is refused before it is truncated.
+    FILE *in = image_open_input(path);
     if (!in)
         return IMAGE_TRANSFORM_NO_INPUT;
-    FILE *out = fopen64(output, "wb");
+    FILE *out = image_open_output(output, &in, 1);
     if (!out) {
         std::fclose(in);
         return IMAGE_TRANSFORM_NO_OUTPUT;
@@ -192,13 +194,17 @@ extern "C" QB_API int32_t image_jpeg_transform(const char *path,
 }
 
 void image_transform_run(j_decompress_ptr dinfo, j_compress_ptr cinfo,
-                         uint32_t xform, const image_crop *crop,
+                         FILE *input, uint32_t xform, const image_crop *crop,
                          int32_t quality, image_transform_buffers *bufs)
 {
     // Every APPn marker, uncut, so that Exif, ICC profiles and XMP survive.
     for (int i = 0; i < APP_MARKER_COUNT; ++i)
         jpeg_save_markers(dinfo, JPEG_APP0 + i, MARKER_LENGTH_LIMIT);
     jpeg_read_header(dinfo, TRUE);
+    // Both routes hold the whole picture (as blocks or as rows): a header
+    // that claims too much is a decoder failure before anything is held.
+    if (image_jpeg_header_refused(dinfo, input))
+        ERREXIT1(dinfo, JERR_IMAGE_TOO_BIG, dinfo->image_width);
     if (image_transform_is_perfect(int32_t(dinfo->image_width),
                                    int32_t(dinfo->image_height),
                                    dinfo->max_h_samp_factor * DCTSIZE,

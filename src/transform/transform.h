@@ -9,6 +9,8 @@
 #include <cstdint>
 
 #include "common/common.h"
+#include "common/files.h"
+#include "common/limits.h"
 
 // Results of image_jpeg_transform.
 constexpr int32_t IMAGE_TRANSFORM_OK = 0;
@@ -32,8 +34,9 @@ struct image_transform_buffers {
 void image_transform_buffers_release(image_transform_buffers *bufs);
 
 // ---- entry and pixel route ----
+// `input` is the stream dinfo reads, for the size checks on the header.
 void image_transform_run(j_decompress_ptr dinfo, j_compress_ptr cinfo,
-                         uint32_t xform, const image_crop *crop,
+                         FILE *input, uint32_t xform, const image_crop *crop,
                          int32_t quality, image_transform_buffers *bufs);
 int32_t image_transform_is_perfect(int32_t width, int32_t height,
                                    int32_t imcu_width, int32_t imcu_height,
