@@ -378,10 +378,10 @@ int32_t image_metadata_from_exif(const char *path, image_metadata *meta)
 {
     if (!meta || !path)
         return -1;
-    // Keeps missing and empty files away from the loader; the file is
-    // opened by libexif.
+    // Keeps missing, empty and non-regular files (a FIFO would block) away
+    // from the loader; the file is opened by libexif.
     struct stat st;
-    if (stat(path, &st) != 0 || st.st_size == 0)
+    if (stat(path, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size == 0)
         return -1;
     ExifMem *mem = exif_mem_new_default();
     if (!mem)

@@ -5,6 +5,8 @@
 // main frame.
 #include "metadata/metadata.h"
 
+#include "common/files.h"
+
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -102,10 +104,8 @@ int32_t image_read_be16(FILE *stream, uint16_t *word)
 int32_t image_jpeg_probe_size(const char *path, uint32_t *width,
                               uint32_t *height)
 {
-    struct stat st;
-    if (!path || stat(path, &st) != 0)
-        return -1;
-    FILE *stream = std::fopen(path, "rb");
+    // Regular files only: a FIFO would block the open.
+    FILE *stream = image_open_input(path);
     if (!stream)
         return -1;
     find_frame_size(stream, width, height);
