@@ -1,16 +1,12 @@
-// The scaling pipeline end to end: row store, rotation, border, decode
-// cache, encoder, Exif stamp, overlay, the thumbnail entry and its codes.
+// The scaling pipeline: the planner, the row store, the decode cache, the
+// driver with its border, the encoder's Exif stamp and the overlay.
 #include <unistd.h>
 
-#include <cmath>
-#include <cstdarg>
 #include <cstring>
-#include <numeric>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
-#include "exif_writer.h"
-#include "core/core.h"
 #include "pipeline/pipeline.h"
 #include "test_jpeg.h"
 
@@ -18,43 +14,80 @@ using namespace qbtest;
 
 namespace {
 
-image_scale_params params(uint32_t mode, int32_t w, int32_t h, int quality = 100)
+image_scale_params params(uint32_t mode, int32_t w, int32_t h, int quality = 100, double aspect = 10.0)
 {
-    return image_scale_params{mode, w, h, 10.0, quality, 0, 0};
+    return image_scale_params{mode, w, h, aspect, quality, 0, 0};
 }
 
-// `p` turned by image_rows_rotate.
-Picture turned(const Picture &p, uint32_t xf)
-{
-    const bool swap = xf == 3 || xf == 4 || xf == 5 || xf == 7;
-    const auto w = uint32_t(p.width), h = uint32_t(p.height), n = uint32_t(p.components);
-    Picture out = make_flat(int(swap ? h : w), int(swap ? w : h), int(n), 0);
-    image_rows a = image_rows_alloc(w, h, n);
-    image_rows b = image_rows_alloc(uint32_t(out.width), uint32_t(out.height), n);
-    for (uint32_t y = 0; y < h; ++y)
-        std::memcpy(a[y], &p.pixels[y * w * n], w * n);
-    image_rows_rotate(a, b, xf, w, h, n);
-    for (int y = 0; y < out.height; ++y)
-        std::memcpy(out.at(0, y), b[y], size_t(out.width) * n);
-    image_rows_free(a, h, 1);
-    image_rows_free(b, uint32_t(out.height), 1);
-    return out;
-}
+enum Kind { NONE, BOX, BICUBIC };
 
-// What a camera stores for Exif orientation o of the upright `up`, mapped
-// pixel by pixel: o 5..8 exchange the sides, then a and b may run backwards.
-Picture stored_as(const Picture &up, int o)
+// Source, mode, box, code and no_stream; the plan's size, DCT scale,
+// resampler, ratio and crop. A plan of width 0: the request is refused.
+const struct PlanCase {
+    const char *what;
+    int32_t sw, sh;
+    uint32_t mode;
+    int32_t bw, bh;
+    uint32_t xform = 0;
+    int no_stream = 0;
+    int32_t tw = 0, th = 0;
+    uint32_t denom = 0;
+    Kind kind = NONE;
+    double ratio = 0;
+    int32_t crop_x = 0, crop_y = 0;
+    double max_aspect = 10.0;
+} kPlans[] = {
+    {"thumbnail of a 4000x3000 photo", 4000, 3000, 5, 128, 128, 0, 0, 128, 96, 8, BOX, 500.0 / 128, 0, 0},
+    {"same photo stored portrait", 3000, 4000, 5, 128, 128, 0, 0, 96, 128, 8, BOX, 500.0 / 128, 0, 0},
+    {"panorama cut to max_aspect", 6000, 400, 5, 128, 128, 0, 0, 128, 13, 8, BOX, 50.0 / 13, 129, 0},
+    {"tall panorama cut to max_aspect", 400, 6000, 4, 128, 128, 0, 0, 13, 128, 8, BOX, 50.0 / 13, 0, 129},
+    {"exactly max_aspect is not cut", 1000, 100, 5, 128, 128, 0, 0, 128, 13, 2, BOX, 500.0 / 128, 0, 0},
+    {"square source, square box: height", 1000, 1000, 4, 100, 100, 0, 0, 100, 100, 4, BOX, 2.5, 0, 0},
+    {"fill centre on an exact half", 1000, 600, 6, 300, 300, 0, 0, 300, 300, 2, NONE, 1.0, 100, 0},
+    {"fill corner keeps the corner", 1000, 600, 2, 300, 300, 0, 0, 300, 300, 2, NONE, 1.0, 0, 0},
+    {"fill corner with pad, same plan", 1000, 600, 3, 300, 300, 0, 0, 300, 300, 2, NONE, 1.0, 0, 0},
+    {"fill centre, portrait box", 1000, 600, 6, 100, 300, 0, 0, 100, 300, 2, NONE, 1.0, 200, 0},
+    {"fill centre, wide box crops rows", 600, 1000, 6, 300, 100, 0, 0, 300, 100, 2, NONE, 1.0, 0, 200},
+    {"reduction of 2.5 at full scale", 1600, 1200, 4, 640, 480, 0, 0, 640, 480, 1, BOX, 2.5, 0, 0},
+    {"exact half needs no resampler", 1600, 1200, 5, 800, 600, 0, 0, 800, 600, 2, NONE, 1.0, 0, 0},
+    {"exact eighth needs no resampler", 800, 800, 4, 100, 100, 0, 0, 100, 100, 8, NONE, 1.0, 0, 0},
+    {"enlargement runs bicubic", 100, 50, 5, 200, 200, 0, 0, 200, 100, 1, BICUBIC, 0.5, 0, 0},
+    {"box swapped for a quarter turn", 4000, 3000, 5, 128, 256, 5, 0, 171, 128, 8, BOX, 375.0 / 128, 0, 0},
+    {"no stream: exact half still resamples", 1000, 600, 5, 500, 300, 0, 1, 500, 300, 1, BOX, 2.0, 0, 0},
+    {"no stream: equal sizes run bicubic", 640, 480, 4, 640, 480, 0, 1, 640, 480, 1, BICUBIC, 1.0, 0, 0},
+    {"fit width", 4000, 3000, 0, 200, 999, 0, 0, 200, 150, 8, BOX, 2.5, 0, 0},
+    {"fit width under a quarter turn takes the height", 4000, 3000, 0, 999, 200, 5, 0, 200, 150, 8, BOX, 2.5, 0, 0},
+    {"fit height", 4000, 3000, 1, 999, 300, 0, 0, 400, 300, 4, BOX, 2.5, 0, 0},
+    {"five times takes the next DCT step", 5, 5, 4, 1, 1, 0, 0, 1, 1, 2, BOX, 2.0, 0, 0},
+    {"nine times", 9, 9, 4, 1, 1, 0, 0, 1, 1, 4, BOX, 2.0, 0, 0},
+    {"seventeen times", 17, 17, 4, 1, 1, 0, 0, 1, 1, 8, BOX, 2.0, 0, 0},
+    {"just under twice is bicubic", 199, 199, 4, 100, 100, 0, 0, 100, 100, 1, BICUBIC, 1.99, 0, 0},
+    {"aspect tie in fill corner chooses width", 800, 600, 2, 400, 300, 0, 0, 400, 300, 2, NONE, 1.0, 0, 0},
+    {"aspect tie in fill centre chooses height", 800, 600, 6, 400, 300, 0, 0, 400, 300, 2, NONE, 1.0, 0, 0},
+    {"mode above 6", 800, 600, 7, 100, 100},
+    {"zero width", 800, 600, 5, 0, 100},
+    {"negative height", 800, 600, 5, 100, -3},
+    {"zero source", 0, 600, 5, 100, 100},
+    {"zero max_aspect", 800, 600, 4, 100, 100, 0, 0, 0, 0, 0, NONE, 0, 0, 0, 0.0},
+    {"side rounds to nothing", 6000, 400, 5, 4, 4},
+    {"box beyond 32-bit products", 800, 600, 5, INT32_MAX / 2, 100},
+};
+
+TEST(Planner, WorkedPlansAndRefusals)
 {
-    const bool t = o >= 5, fa = o == 2 || o == 3 || o == 7 || o == 8;
-    const bool fb = o == 3 || o == 4 || o == 6 || o == 7;
-    Picture s = make_flat(t ? up.height : up.width, t ? up.width : up.height, up.components, 0);
-    for (int y = 0; y < up.height; ++y)
-        for (int x = 0; x < up.width; ++x) {
-            const int a = t ? y : x, b = t ? x : y;
-            std::memcpy(s.at(fa ? s.width - 1 - a : a, fb ? s.height - 1 - b : b), up.at(x, y),
-                        size_t(up.components));
-        }
-    return s;
+    for (const PlanCase &c : kPlans) {
+        SCOPED_TRACE(c.what);
+        const image_scale_params p = params(c.mode, c.bw, c.bh, 85, c.max_aspect);
+        const image_scale_plan plan = image_scale_plan_for_size(c.sw, c.sh, &p, c.no_stream, c.xform);
+        ASSERT_EQ(plan.valid != 0, c.tw != 0);
+        if (!plan.valid)
+            continue;
+        const Kind kind = !plan.resampler ? NONE : plan.resampler == image_resample_box ? BOX : BICUBIC;
+        EXPECT_EQ(std::tuple(plan.width, plan.height, plan.scale_num, plan.scale_denom, kind),
+                  std::tuple(c.tw, c.th, 1u, c.denom, c.kind));
+        EXPECT_DOUBLE_EQ(plan.ratio, c.ratio);
+        EXPECT_EQ(std::pair(plan.crop_x, plan.crop_y), std::pair(c.crop_x, c.crop_y));
+    }
 }
 
 // A decode cache: over a real file as the thumbnail route sets it up, or
@@ -105,41 +138,23 @@ struct Cached {
     }
 };
 
+// 128 aligned slots of 384 zero bytes; a view frees only its array; any
+// height of the same rounding frees all; sizes past 32 bits are refused.
 TEST(Rows, StoreLayout)
 {
-    image_rows rows = image_rows_alloc(100, 100, 3);  // 128 slots of 384 zero bytes
-    ASSERT_NE(rows, nullptr);
+    image_rows rows = image_rows_alloc(100, 100, 3), view = image_rows_alloc(0, 10, 3);
+    ASSERT_TRUE(rows && view);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(rows) % 16, 0u);
     for (int i = 0; i < 128; ++i) {
-        ASSERT_NE(rows[i], nullptr) << i;
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(rows[i]) % 16, 0u);
-        for (int b = 0; b < 384; ++b)
-            ASSERT_EQ(rows[i][b], 0);
+        ASSERT_TRUE(rows[i] && reinterpret_cast<uintptr_t>(rows[i]) % 16 == 0) << i;
+        ASSERT_EQ(std::vector<uint8_t>(rows[i], rows[i] + 384), std::vector<uint8_t>(384, 0)) << i;
     }
-    image_rows view = image_rows_alloc(0, 10, 3);
-    ASSERT_NE(view, nullptr);
     std::copy_n(rows, 10, view);  // borrowed: freeing them twice would abort
     image_rows_free(view, 10, 0);
-    image_rows_free(rows, 65, 1);  // any height of the same rounding frees all
+    image_rows_free(rows, 65, 1);
     image_rows_free(nullptr, 10, 1);
     EXPECT_EQ(image_rows_alloc(0x7FFFFFF0u, 1, 4), nullptr);
     EXPECT_EQ(image_rows_alloc(10, UINT32_MAX - 10, 1), nullptr);
-}
-
-// On unequal sides: a then b is the composition table's single code, and the
-// reverse table undoes a.
-TEST(Rows, RotationsComposeAndInvertLikeTheTables)
-{
-    Picture src = make_flat(5, 3, 1, 0);
-    std::iota(src.pixels.begin(), src.pixels.end(), uint8_t(0));
-    for (uint32_t a = 0; a < 8; ++a) {
-        const Picture mid = turned(src, a), back = turned(mid, image_reverse_xform_table[a]);
-        EXPECT_TRUE(back.width == 5 && back.pixels == src.pixels) << a;
-        for (uint32_t b = 0; b < 8; ++b) {
-            const Picture two = turned(mid, b), one = turned(src, image_xform_xform_table[a][b]);
-            EXPECT_TRUE(one.width == two.width && one.pixels == two.pixels) << a << "," << b;
-        }
-    }
 }
 
 // 4000x3000 into 600x331 (mode 4) decodes at 1/4 to 1000 columns and takes
@@ -162,27 +177,56 @@ TEST(Driver, LastColumnOfAPlanTakesColumnW)
     image_rows_free(dst, 2, 1);
 }
 
-// The last row writes to stdout.
-TEST(Driver, BorderCentresWithTheOddLineOnTopOrLeft)
+// Black pictures through the driver. Padded: a white border centred with the
+// odd line on top or left (the last row writes to stdout). Under a white
+// 31x31 overlay: at its grid cell (the middle one rounded down) with the
+// opacity clamped and written back, or, refused, nowhere (x0 -1). The
+// rectangle at x0, y0 is black under a border and white under an overlay.
+TEST(Driver, BorderAndOverlayLandInPlace)
 {
     TempDir tmp;
-    const struct { int w, h, bw, bh, top, left; bool to_stdout; } cases[] = {
-        {40, 16, 40, 19, 2, 0, false}, {16, 40, 19, 40, 0, 2, false}, {40, 39, 40, 40, 1, 0, true}};
+    ASSERT_TRUE(write_jpeg(tmp.path("white.jpg"), make_flat(31, 31, 1, 255), {.quality = 100}));
+    ASSERT_TRUE(write_jpeg(tmp.path("colour.jpg"), make_flat(16, 16, 3, 255)));
+    ASSERT_TRUE(write_jpeg(tmp.path("wide.jpg"), make_flat(200, 16, 1, 255)));
+    ASSERT_TRUE(write_file(tmp.path("garbage.jpg"), std::vector<uint8_t>(64, 1)));
+    const struct { int w, h, bw, bh; const char *overlay; double opacity, written;
+                   int32_t position; int x0, y0; bool piped = false; } cases[] = {
+        {40, 16, 40, 19, nullptr, 0, 0, 0, 0, 2}, {16, 40, 19, 40, nullptr, 0, 0, 0, 2, 0},
+        {40, 39, 40, 40, nullptr, 0, 0, 0, 0, 1, true},
+        {128, 96, 128, 96, "white.jpg", 2.5, 1.0, 8, 97, 65},
+        {128, 96, 128, 96, "white.jpg", 1.0, 1.0, 0, 0, 0},
+        {128, 96, 128, 96, "white.jpg", 1.0, 1.0, 4, 48, 32},
+        {128, 96, 128, 96, "white.jpg", 1.0, 1.0, -1, 97, 0},
+        {128, 96, 128, 96, "white.jpg", 1.0, 1.0, 9, 0, 65},
+        {128, 96, 128, 96, "white.jpg", -3.0, 0.0, 4, -1, 0},
+        {128, 96, 128, 96, "colour.jpg", 1.0, 1.0, 0, -1, 0},
+        {128, 96, 128, 96, "wide.jpg", 1.0, 1.0, 0, -1, 0},
+        {128, 96, 128, 96, "garbage.jpg", 1.0, 1.0, 0, -1, 0},
+        {128, 96, 128, 96, "missing.jpg", 1.0, 1.0, 0, -1, 0},
+    };
     for (const auto &c : cases) {
         Cached black(uint32_t(c.w), uint32_t(c.h), 1, 0);
-        if (c.to_stdout)
+        const std::string path = c.overlay ? tmp.path(c.overlay) : "", out = tmp.path("o.jpg");
+        image_overlay ov{path.c_str(), c.opacity, c.position};
+        const auto p = params(c.overlay ? IMAGE_SCALE_FIT_BOX : IMAGE_SCALE_FIT_BOX_PAD, c.bw, c.bh);
+        if (c.piped)
             testing::internal::CaptureStdout();
-        const std::string out = c.to_stdout ? "-" : tmp.path("b.jpg");
-        ASSERT_EQ(black.scale(out, params(IMAGE_SCALE_FIT_BOX_PAD, c.bw, c.bh)), 0);
-        const std::string piped = c.to_stdout ? testing::internal::GetCapturedStdout() : "";
-        const Picture pic = c.to_stdout ? decode_jpeg({piped.begin(), piped.end()}) : read_jpeg(out);
+        ASSERT_EQ(black.scale(c.piped ? "-" : out, p, 0, nullptr, c.overlay ? &ov : nullptr), 0);
+        const std::string piped = c.piped ? testing::internal::GetCapturedStdout() : "";
+        const Picture pic = c.piped ? decode_jpeg({piped.begin(), piped.end()}) : read_jpeg(out);
         ASSERT_TRUE(pic.width == c.bw && pic.height == c.bh);
+        EXPECT_EQ(ov.opacity, c.written) << path;
+        const int in = c.overlay ? 255 : 0, rw = c.overlay ? 31 : c.w, rh = c.overlay ? 31 : c.h;
         for (int y = 0; y < c.bh; ++y)
             for (int x = 0; x < c.bw; ++x) {
-                const bool in = x >= c.left && x < c.left + c.w && y >= c.top && y < c.top + c.h;
-                ASSERT_NEAR(*pic.at(x, y), in ? 0 : 255, 8) << c.bw << "x" << c.bh << " at " << x << ", " << y;
+                const bool inside = c.x0 >= 0 && x >= c.x0 && x < c.x0 + rw && y >= c.y0 && y < c.y0 + rh;
+                ASSERT_NEAR(*pic.at(x, y), inside ? in : 255 - in, 8)
+                    << path << c.position << " " << c.bw << "x" << c.bh << " at " << x << ", " << y;
             }
     }
+    EXPECT_EQ(image_blend_byte(100, 101, 0.5), 100) << "truncated, not rounded";
+    EXPECT_EQ(image_blend_byte(7, 200, 0.0), 7);
+    EXPECT_EQ(image_blend_byte(7, 200, 1.0), 200);
 }
 
 TEST(Driver, RefusesWhatItCannotDo)
@@ -273,114 +317,6 @@ TEST(Cache, AdobeRgbGoesThroughTheMatrix)
     }
 }
 
-// Many kinds of JPEG, and a picture stored with each Exif orientation: the
-// exact box, upright and centred, no JFIF and no APP1.
-TEST(Thumb, ExactBoxUprightFromManyKindsOfJpeg)
-{
-    TempDir tmp;
-    struct Case { int w, h, comps, hs, vs; bool progressive; int bw, bh; };
-    const Case kinds[] = {
-        {800, 600, 3, 2, 2, false, 128, 128}, {300, 500, 3, 1, 1, false, 128, 128},
-        {640, 480, 3, 2, 1, true, 160, 90},   {333, 222, 3, 1, 2, false, 100, 100},
-        {500, 500, 1, 1, 1, false, 64, 48},   {257, 129, 1, 1, 1, true, 128, 128},  // grey
-        {50, 40, 3, 2, 2, false, 128, 128},   {1024, 768, 3, 2, 2, false, 128, 96},  // enlarged, 1/8
-    };
-    for (uint16_t i = 0; i < 16; ++i) {
-        const uint16_t orientation = i < 8 ? 0 : uint16_t(i - 7);
-        const Case c = i < 8 ? kinds[i] : Case{160, 96, 3, 2, 2, false, 128, 128};
-        Picture pic = make_picture(c.w, c.h, c.comps);
-        JpegOptions opt{.h_samp = c.hs, .v_samp = c.vs, .progressive = c.progressive};
-        if (orientation) {
-            pic = stored_as(pic, orientation);
-            ExifBlock exif;
-            exif.big_endian = orientation % 2 == 0;
-            exif.ifd0 = {exif_short(274, {orientation})};
-            opt.markers = {{JPEG_APP0 + 1, build_exif(exif)}};
-            opt.write_jfif = false;
-        }
-        const std::string in = tmp.path("in.jpg"), out = tmp.path("t.jpg");
-        ASSERT_TRUE(write_jpeg(in, pic, opt));
-        ASSERT_EQ(easy_image_create_thumb(in.c_str(), out.c_str(), c.bw, c.bh, 85, 0), 0) << i;
-        const std::vector<uint8_t> bytes = read_file(out);
-        ASSERT_GT(bytes.size(), 4u);
-        EXPECT_FALSE(bytes[2] == 0xFF && (bytes[3] == 0xE0 || bytes[3] == 0xE1)) << i;
-        const Picture thumb = read_jpeg(out);
-        ASSERT_TRUE(thumb.width == c.bw && thumb.height == c.bh && thumb.components == c.comps) << i;
-        const bool width_meets = double(c.w) / c.h >= double(c.bw) / c.bh;
-        const int pw = width_meets ? c.bw : int(lround(double(c.w) * c.bh / c.h));
-        const int ph = width_meets ? int(lround(double(c.h) * c.bw / c.w)) : c.bh;
-        const int x0 = (c.bw - pw + 1) / 2, y0 = (c.bh - ph + 1) / 2;
-        EXPECT_TRUE(is_reddish(thumb.at(x0 + 3, y0 + 3), c.comps)) << i;
-        EXPECT_FALSE(is_reddish(thumb.at(x0 + pw - 4, y0 + ph - 4), c.comps)) << i;
-        EXPECT_TRUE(x0 + y0 == 0 || *thumb.at(x0 > 0 ? 1 : c.bw / 2, y0 > 0 ? 1 : c.bh / 2) > 240) << i;
-    }
-}
-
-std::vector<std::string> g_log;  // test-only capture; the library keeps no state
-
-void capture(int32_t level, void *, int32_t code, const char *file, int32_t line, const char *format,
-             ...)
-{
-    char buf[1024];
-    va_list ap;
-    va_start(ap, format);
-    vsnprintf(buf, sizeof buf, format, ap);
-    va_end(ap);
-    g_log.push_back(std::to_string(level) + " " + std::to_string(code) + " " + file + ":" +
-                    std::to_string(line) + " " + buf);
-}
-
-// Codes by name; the JPEG route's line for each of its failures; nothing on
-// stderr from the default record.
-TEST(Thumb, FailureCodesAndLogLines)
-{
-    TempDir tmp;
-    ASSERT_TRUE(write_jpeg(tmp.path("photo.jpg"), make_picture(64, 64, 3)));
-    ASSERT_TRUE(write_jpeg(tmp.path("PHOTO.JPG"), make_picture(64, 64, 3)));
-    ASSERT_TRUE(write_file(tmp.path("garbage.jpg"), std::vector<uint8_t>(500, 0x42)));
-    ASSERT_TRUE(write_file(tmp.path("empty.jpeg"), {}));
-    const std::string out = tmp.path("t.jpg"), missing = tmp.path("missing.jpg");
-    const struct { std::string path, output; int32_t rc; std::string log; } cases[] = {
-        {tmp.path("PHOTO.JPG"), out, 0, ""},
-        {"no-extension-anywhere", out, 2, ""},
-        {missing, out, 2, "42 2 image_jpeg:3069 Cannot read " + missing},
-        {tmp.path("photo.jpg.txt"), out, 9, ""},
-        {tmp.path("dir.d/file"), out, 9, ""},
-        {tmp.path("trailing."), out, 9, ""},
-        {tmp.path("movie.mov"), out, 9, ""},
-        {tmp.path("song.mp3"), out, 9, ""},
-        {tmp.path("garbage.jpg"), out, 9, "42 9 image_jpeg:3077 Libjpeg call error handler. Aborting..."},
-        {tmp.path("empty.jpeg"), out, 9, ""},
-        {tmp.path("photo.jpg"), tmp.path("none/t.jpg"), 9,
-         "42 9 image_jpeg:3106 Error during image scaler (ret=-1)"},
-    };
-    const image_ctx ctx{nullptr, nullptr, nullptr, capture, 42, 1, 2, 3};
-    const image_scale_params p = params(5, 32, 32, 85);
-    testing::internal::CaptureStderr();
-    for (const auto &c : cases) {
-        EXPECT_EQ(easy_image_create_thumb(c.path.c_str(), c.output.c_str(), 32, 32, 85, 0), c.rc) << c.path;
-        g_log.clear();
-        if (c.log.empty())
-            continue;
-        EXPECT_EQ(image_thumb_from_jpeg(&ctx, c.path.c_str(), c.output.c_str(), &p, 0), c.rc);
-        EXPECT_EQ(g_log, std::vector<std::string>{c.log});
-    }
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "the default record prints nothing";
-}
-
-TEST(Media, TypesByExtension)
-{
-    const struct { const char *ext; image_media_type type; } cases[] = {
-        {"jpg", IMAGE_MEDIA_JPEG},   {"JPEG", IMAGE_MEDIA_JPEG},  {"tif", IMAGE_MEDIA_RAW},
-        {"DNG", IMAGE_MEDIA_RAW},    {"m2ts", IMAGE_MEDIA_VIDEO}, {"m4a", IMAGE_MEDIA_AUDIO},
-        {"png", IMAGE_MEDIA_PNG},    {"", IMAGE_MEDIA_UNKNOWN},   {"jpgx", IMAGE_MEDIA_UNKNOWN},
-        {"jp", IMAGE_MEDIA_UNKNOWN}, {"d/file", IMAGE_MEDIA_UNKNOWN},
-    };
-    for (const auto &c : cases)
-        EXPECT_EQ(utils_get_media_type(c.ext), c.type) << c.ext;
-    EXPECT_TRUE(utils_check_hw() >= 1 && utils_check_hw() <= 3);
-}
-
 // The APP1 behind SOI: Orientation 0 (the pixels are already turned),
 // Software, and an IFD1 holding the thumbnail file's bytes if there is one.
 TEST(Stamp, EmbedsTheThumbnailAsIfd1)
@@ -415,41 +351,6 @@ TEST(Stamp, EmbedsTheThumbnailAsIfd1)
         EXPECT_TRUE(le32(6 + 84 + 8) == 112 && le32(6 + 96 + 8) == c.payload - 118) << c.thumb;
         EXPECT_TRUE(std::vector<uint8_t>(d.begin() + 118, d.end()) == read_file(tmp.path(c.thumb))) << c.thumb;
     }
-}
-
-// A white 31x31 overlay on a black 128x96 picture: at its grid cell (the
-// middle one rounded down) with the opacity clamped and written back, or,
-// refused, nowhere.
-TEST(Overlay, BlendsAtTheGridCellOrLeavesThePicture)
-{
-    TempDir tmp;
-    ASSERT_TRUE(write_jpeg(tmp.path("white.jpg"), make_flat(31, 31, 1, 255), {.quality = 100}));
-    ASSERT_TRUE(write_jpeg(tmp.path("colour.jpg"), make_flat(16, 16, 3, 255)));
-    ASSERT_TRUE(write_jpeg(tmp.path("wide.jpg"), make_flat(200, 16, 1, 255)));
-    ASSERT_TRUE(write_file(tmp.path("garbage.jpg"), std::vector<uint8_t>(64, 1)));
-    const struct { const char *path; double opacity, written; int32_t position, x0, y0; } cases[] = {
-        {"white.jpg", 2.5, 1.0, 8, 97, 65}, {"white.jpg", 1.0, 1.0, 0, 0, 0}, {"white.jpg", 1.0, 1.0, 4, 48, 32},
-        {"white.jpg", 1.0, 1.0, -1, 97, 0}, {"white.jpg", 1.0, 1.0, 9, 0, 65},
-        {"white.jpg", -3.0, 0.0, 4, -1, 0},  // x0 -1: the picture stays black
-        {"colour.jpg", 1.0, 1.0, 0, -1, 0}, {"wide.jpg", 1.0, 1.0, 0, -1, 0},
-        {"garbage.jpg", 1.0, 1.0, 0, -1, 0}, {"missing.jpg", 1.0, 1.0, 0, -1, 0},
-    };
-    for (const auto &c : cases) {
-        Cached black(128, 96, 1, 0);
-        const std::string path = tmp.path(c.path);
-        image_overlay ov{path.c_str(), c.opacity, c.position};
-        ASSERT_EQ(black.scale(tmp.path("ov.jpg"), params(4, 128, 96), 0, nullptr, &ov), 0);
-        EXPECT_EQ(ov.opacity, c.written) << c.path;
-        const Picture pic = read_jpeg(tmp.path("ov.jpg"));
-        for (int y = 0; y < 96; ++y)
-            for (int x = 0; x < 128; ++x) {
-                const bool in = c.x0 >= 0 && x >= c.x0 && x < c.x0 + 31 && y >= c.y0 && y < c.y0 + 31;
-                ASSERT_NEAR(*pic.at(x, y), in ? 255 : 0, 8) << c.path << c.position << " at " << x << ", " << y;
-            }
-    }
-    EXPECT_EQ(image_blend_byte(100, 101, 0.5), 100) << "truncated, not rounded";
-    EXPECT_EQ(image_blend_byte(7, 200, 0.0), 7);
-    EXPECT_EQ(image_blend_byte(7, 200, 1.0), 200);
 }
 
 }  // namespace

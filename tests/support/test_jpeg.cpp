@@ -1,32 +1,28 @@
 #include "test_jpeg.h"
 
-#include <csetjmp>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
+
+#include "common/common.h"
 
 namespace qbtest {
 
 namespace {
 
-struct ErrJump { jpeg_error_mgr mgr; jmp_buf jump; };
-
-void err_exit(j_common_ptr cinfo) { longjmp(reinterpret_cast<ErrJump *>(cinfo->err)->jump, 1); }
-void silent(j_common_ptr, int) {}
-
 // libjpeg's errors jump out of the next two, so their frames hold no object
-// with a destructor.
-bool encode_to(FILE *f, const Picture &pic, const JpegOptions &opt)
+// with a destructor; the buffers are malloc'd and handed over by pointer.
+bool encode_to(unsigned char **buf, unsigned long *len, const Picture &pic, const JpegOptions &opt)
 {
     jpeg_compress_struct cinfo;
-    ErrJump err;
-    cinfo.err = jpeg_std_error(&err.mgr);
-    err.mgr.error_exit = err_exit;
+    image_jpeg_error err;
+    cinfo.err = image_jpeg_error_init(&err);
     if (setjmp(err.jump)) {
         jpeg_destroy_compress(&cinfo);
         return false;
     }
     jpeg_create_compress(&cinfo);
-    jpeg_stdio_dest(&cinfo, f);
+    jpeg_mem_dest(&cinfo, buf, len);
     cinfo.image_width = JDIMENSION(pic.width);
     cinfo.image_height = JDIMENSION(pic.height);
     cinfo.input_components = pic.components;
@@ -60,11 +56,10 @@ bool encode_to(FILE *f, const Picture &pic, const JpegOptions &opt)
 uint8_t *decode_from(const std::vector<uint8_t> &data, Picture *size)
 {
     jpeg_decompress_struct cinfo;
-    ErrJump err;
+    image_jpeg_error err;
     uint8_t *volatile buf = nullptr;
-    cinfo.err = jpeg_std_error(&err.mgr);
-    err.mgr.error_exit = err_exit;
-    err.mgr.emit_message = silent;
+    cinfo.err = image_jpeg_error_init(&err);
+    err.mgr.emit_message = [](j_common_ptr, int) {};
     if (setjmp(err.jump)) {
         jpeg_destroy_decompress(&cinfo);
         std::free(buf);
@@ -81,9 +76,7 @@ uint8_t *decode_from(const std::vector<uint8_t> &data, Picture *size)
         jpeg_read_scanlines(&cinfo, &row, 1);
     }
     jpeg_finish_decompress(&cinfo);  // fails, and jumps, if rows are missing
-    size->width = int(cinfo.output_width);
-    size->height = int(cinfo.output_height);
-    size->components = cinfo.output_components;
+    *size = {int(cinfo.output_width), int(cinfo.output_height), cinfo.output_components, {}};
     jpeg_destroy_decompress(&cinfo);
     return buf;
 }
@@ -104,13 +97,26 @@ Picture make_picture(int width, int height, int components, bool mark)
     return p;
 }
 
+// Orientations 5..8 exchange the sides, then a and b may run backwards.
+Picture stored_as(const Picture &up, int o)
+{
+    const bool t = o >= 5, fa = o == 2 || o == 3 || o == 7 || o == 8;
+    const bool fb = o == 3 || o == 4 || o == 6 || o == 7;
+    Picture s = make_flat(t ? up.height : up.width, t ? up.width : up.height, up.components, 0);
+    for (int y = 0; y < up.height; ++y)
+        for (int x = 0; x < up.width; ++x) {
+            const int a = t ? y : x, b = t ? x : y;
+            std::memcpy(s.at(fa ? s.width - 1 - a : a, fb ? s.height - 1 - b : b), up.at(x, y),
+                        size_t(up.components));
+        }
+    return s;
+}
+
 std::vector<uint8_t> encode_jpeg(const Picture &pic, const JpegOptions &opt)
 {
-    char *buf = nullptr;
-    size_t len = 0;
-    FILE *f = open_memstream(&buf, &len);
-    const bool ok = encode_to(f, pic, opt);
-    std::fclose(f);  // sets buf and len
+    unsigned char *buf = nullptr;
+    unsigned long len = 0;
+    const bool ok = encode_to(&buf, &len, pic, opt);
     std::vector<uint8_t> out = ok ? std::vector<uint8_t>(buf, buf + len) : std::vector<uint8_t>();
     std::free(buf);
     return out;
@@ -144,6 +150,18 @@ std::vector<uint8_t> icc_app2_payload(const char cmm[4])
     std::memcpy(&d[14 + 4], cmm, 4);  // preferred CMM
     std::memcpy(&d[14 + 36], "acsp", 4);
     return d;
+}
+
+void capture_log(int32_t level, void *user, int32_t code, const char *file, int32_t line,
+                 const char *format, ...)
+{
+    char text[1200];
+    const int n = std::snprintf(text, sizeof text, "%d %d %s:%d ", level, code, file, line);
+    va_list ap;
+    va_start(ap, format);
+    std::vsnprintf(text + n, sizeof text - size_t(n), format, ap);
+    va_end(ap);
+    *static_cast<std::string *>(user) += text + std::string("\n");
 }
 
 }  // namespace qbtest

@@ -1,5 +1,5 @@
 // Test helpers: deterministic JPEG files written with libjpeg, decoding back
-// to pixels, whole files, temporary directories.
+// to pixels, whole files, temporary directories, a log capture.
 #pragma once
 
 #include <cstdint>
@@ -31,6 +31,8 @@ inline Picture make_flat(int width, int height, int components, uint8_t value)
 {
     return {width, height, components, std::vector<uint8_t>(size_t(width) * height * components, value)};
 }
+// What a camera stores for Exif orientation 1..8 of the upright `up`.
+Picture stored_as(const Picture &up, int orientation);
 
 struct JpegOptions {
     int quality = 92;
@@ -51,6 +53,11 @@ Picture read_jpeg(const std::string &path);
 
 // An ICC-profile APP2 payload whose header names `cmm` as preferred CMM.
 std::vector<uint8_t> icc_app2_payload(const char cmm[4]);
+
+// An image_log_fn appending "level code file:line text\n" to the
+// std::string at `user`.
+void capture_log(int32_t level, void *user, int32_t code, const char *file, int32_t line,
+                 const char *format, ...);
 
 inline std::vector<uint8_t> read_file(const std::string &path)  // empty if unreadable
 {
