@@ -2,6 +2,7 @@
 // system's jpegtran, the pixel route, markers, the Exif size patch, failures.
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string_view>
@@ -9,11 +10,101 @@
 
 #include <gtest/gtest.h>
 
-#include "transform_support.h"
+#include "test_jpeg.h"
+#include "transform/transform.h"
 
 using namespace qbtest;
 
 namespace {
+
+bool swaps_sides(uint32_t xform) { return xform == 3 || xform == 4 || xform == 5 || xform == 7; }
+
+// With `out`, our coefficient route on `in` without its route test; else
+// reads into `coefs` the frame width and height, then by component its
+// sampling, its 64 divisors and every quantised coefficient. Errors longjmp:
+// nothing here has a destructor.
+bool session(FILE *in, FILE *out, uint32_t xform, const image_crop *crop, std::vector<int> *coefs)
+{
+    jpeg_decompress_struct dinfo;
+    jpeg_compress_struct cinfo;
+    image_jpeg_error err;
+    dinfo.err = cinfo.err = image_jpeg_error_init(&err);
+    jpeg_create_decompress(&dinfo);
+    jpeg_create_compress(&cinfo);
+    volatile bool ok = false;
+    if (in && setjmp(err.jump) == 0) {
+        jpeg_stdio_src(&dinfo, in);
+        jpeg_read_header(&dinfo, TRUE);
+        if (out) {
+            jpeg_stdio_dest(&cinfo, out);
+            image_transform_coefficients(&dinfo, &cinfo, xform, crop);
+        } else {
+            jvirt_barray_ptr *arrays = jpeg_read_coefficients(&dinfo);
+            coefs->assign({int(dinfo.image_width), int(dinfo.image_height)});
+            for (int ci = 0; ci < dinfo.num_components; ++ci) {
+                const jpeg_component_info &c = dinfo.comp_info[ci];
+                coefs->insert(coefs->end(), {c.h_samp_factor, c.v_samp_factor});
+                coefs->insert(coefs->end(), c.quant_table->quantval, c.quant_table->quantval + 64);
+                for (JDIMENSION by = 0; by < c.height_in_blocks; ++by) {
+                    const JCOEF *row = dinfo.mem->access_virt_barray(
+                        reinterpret_cast<j_common_ptr>(&dinfo), arrays[ci], by, 1, FALSE)[0][0];
+                    coefs->insert(coefs->end(), row, row + c.width_in_blocks * 64);
+                }
+            }
+            jpeg_finish_decompress(&dinfo);
+        }
+        ok = true;
+    }
+    jpeg_destroy_compress(&cinfo);
+    jpeg_destroy_decompress(&dinfo);
+    return ok;
+}
+
+std::vector<int> read_coefficients(const std::string &path)  // empty if unreadable
+{
+    std::vector<int> c;
+    FILE *f = std::fopen(path.c_str(), "rb");
+    if (!session(f, nullptr, 0, nullptr, &c))
+        c.clear();
+    if (f)
+        std::fclose(f);
+    return c;
+}
+
+bool force_coefficient_route(const std::string &in, const std::string &out, uint32_t xform,
+                             const image_crop *crop)
+{
+    FILE *fi = std::fopen(in.c_str(), "rb"), *fo = std::fopen(out.c_str(), "wb");
+    const bool ok = fo && session(fi, fo, xform, crop, nullptr);
+    for (FILE *f : {fi, fo})
+        if (f)
+            std::fclose(f);
+    return ok;
+}
+
+// The system's jpegtran with `args` (no quoting); true if it exited with 0.
+bool run_jpegtran(const std::string &args)
+{
+    return std::system(("jpegtran " + args + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// `crop` of p (all of it if null) turned by `xform`; codes 8 and above
+// leave it as it is.
+Picture reference_xform(const Picture &p, uint32_t xform, const image_crop *crop)
+{
+    const int x0 = crop ? crop->x : 0, y0 = crop ? crop->y : 0;
+    const int w = crop ? crop->width : p.width, h = crop ? crop->height : p.height;
+    Picture out = make_flat(swaps_sides(xform) ? h : w, swaps_sides(xform) ? w : h, p.components, 0);
+    const size_t k = xform < 8 ? xform : 0;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const int rx = w - 1 - x, by = h - 1 - y;
+            const int to_x[8] = {x, rx, x, y, by, by, rx, y};
+            const int to_y[8] = {y, y, by, x, rx, x, by, rx};
+            std::memcpy(out.at(to_x[k], to_y[k]), p.at(x0 + x, y0 + y), size_t(p.components));
+        }
+    return out;
+}
 
 struct Source {
     const char *name;
@@ -206,17 +297,43 @@ TEST(TransformFailures, ResultCodes)
 
 namespace {
 
-// An Exif block whose directory holds the size entries (height, width), the
-// width again and another entry.
+// "Exif\0\0", a TIFF header, IFD0 (Orientation, Exif pointer) at 8 and at 38
+// the Exif directory: the size entries (height, width) of `type`, another
+// entry and the width again. Offsets count from the TIFF header.
 std::vector<uint8_t> size_block(bool be, uint16_t type, uint32_t w, uint32_t h)
 {
-    return exif_payload(be, {{40963, type, 1, h}, {40962, type, 1, w}, {0x9000, 7, 4, 0x30323330},
-                             {40962, type, 1, w}});
+    std::vector<uint8_t> p = {'E', 'x', 'i', 'f', 0, 0};
+    const auto put = [&](uint32_t v, int size) {
+        for (int i = 0; i < size; ++i)
+            p.push_back(uint8_t(v >> (be ? 8 * (size - 1 - i) : 8 * i)));
+    };
+    const auto entry = [&](uint16_t tag, uint16_t ty, uint32_t count, uint32_t value) {
+        const bool short1 = ty == 3 && count == 1;  // left-justified
+        put(tag, 2), put(ty, 2), put(count, 4), put(value, short1 ? 2 : 4), put(0, short1 ? 2 : 0);
+    };
+    put(be ? 0x4D4D : 0x4949, 2), put(42, 2), put(8, 4), put(2, 2);
+    entry(0x0112, 3, 1, 6), entry(34665, 4, 1, 38), put(0, 4), put(4, 2);
+    entry(40963, type, 1, h), entry(40962, type, 1, w), entry(0x9000, 7, 4, 0x30323330);
+    entry(40962, type, 1, w), put(0, 4);
+    return p;
 }
 
-std::vector<uint8_t> bytes(std::string_view s)
+std::vector<uint8_t> bytes(std::string_view s) { return {s.begin(), s.end()}; }
+
+// The APPn and COM segments before the first scan: {marker, payload}.
+using Segment = std::pair<int, std::vector<uint8_t>>;
+std::vector<Segment> app_segments(const std::vector<uint8_t> &f)
 {
-    return {s.begin(), s.end()};
+    std::vector<Segment> out;
+    for (size_t pos = 2; pos + 4 <= f.size() && f[pos] == 0xFF && f[pos + 1] != 0xDA;) {
+        const size_t len = size_t(f[pos + 2]) << 8 | f[pos + 3];
+        if (len < 2 || pos + 2 + len > f.size())
+            break;
+        if ((f[pos + 1] >= 0xE0 && f[pos + 1] <= 0xEF) || f[pos + 1] == 0xFE)
+            out.push_back({f[pos + 1], {f.begin() + long(pos + 4), f.begin() + long(pos + 2 + len)}});
+        pos += 2 + len;
+    }
+    return out;
 }
 
 // Transforms a w x h picture (2 x 2 sampled) carrying opt's markers and
