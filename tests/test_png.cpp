@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <optional>
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include "png/png.h"
@@ -315,6 +317,15 @@ TEST(PngRead, RefusedFiles)
     bad_idat_crc[idat + 8 + idat_len + 3] ^= 0x80;
     const std::vector<uint8_t> truncated(good.begin(), good.begin() + long(idat + 8 + idat_len / 2));
     const std::vector<uint8_t> signature_only(good.begin(), good.begin() + 8);
+    // IHDR claiming 100000 x 100000 pixels, with a correct CRC: beyond the
+    // bound of common/limits.h, refused before any row is allocated.
+    std::vector<uint8_t> bomb = good;
+    png_fix_crc(bomb, ihdr);
+    ASSERT_EQ(bomb, good) << "the CRC helper agrees with libpng";
+    for (size_t i : {ihdr + 8, ihdr + 12}) {
+        bomb[i] = 0, bomb[i + 1] = 0x01, bomb[i + 2] = 0x86, bomb[i + 3] = 0xA0;
+    }
+    png_fix_crc(bomb, ihdr);
 
     const struct { const char *name; std::vector<uint8_t> bytes; } cases[] = {
         {"not a PNG", std::vector<uint8_t>(300, 'x')},
@@ -323,6 +334,7 @@ TEST(PngRead, RefusedFiles)
         {"bad CRC in IHDR", bad_ihdr_crc},
         {"bad CRC in IDAT (after the rows exist)", bad_idat_crc},
         {"truncated in IDAT (after the rows exist)", truncated},
+        {"size bomb", bomb},
     };
     const uint8_t white[3] = {255, 255, 255};
     const size_t fds = open_files();
@@ -333,6 +345,9 @@ TEST(PngRead, RefusedFiles)
         EXPECT_FALSE(read_with(tmp.path("bad.png"), white).ok) << c.name;
     }
     EXPECT_FALSE(read_with(tmp.path("missing.png"), white).ok);
+    ASSERT_EQ(mkfifo(tmp.path("fifo.png").c_str(), 0600), 0);
+    EXPECT_FALSE(read_with(tmp.path("fifo.png"), white).ok) << "a FIFO is refused, not waited on";
+    EXPECT_FALSE(read_with(tmp.dir(), white).ok) << "a directory";
     png_uint_32 w, h;
     EXPECT_EQ(_read_png_to_rgba(nullptr, &w, &h, nullptr), nullptr);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "libpng's messages are not printed";
@@ -387,8 +402,10 @@ TEST(PngWrite, FailuresGiveMinusOneWithTheFileClosed)
         {"full disk, small file", "/dev/full", 4, 4, -1},
         {"full disk, large file", "/dev/full", big, big, -1},
         {"width 0", tmp.path("zero.png"), 0, 4, -1},
+        {"FIFO with no reader", tmp.path("fifo"), 4, 4, -1},
         {"written", tmp.path("ok.png"), big, big, 0},
     };
+    ASSERT_EQ(mkfifo(tmp.path("fifo").c_str(), 0600), 0);
     const size_t fds = open_files();
     testing::internal::CaptureStderr();
     for (const auto &c : cases)

@@ -28,6 +28,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/files.h"
+#include "common/limits.h"
 #include "png/png.h"
 #include "png/silent.h"
 
@@ -80,7 +82,8 @@ image_png_rows _read_png_to_rgba(const char *path, png_uint_32 *width,
 {
     if (!path || !width || !height)
         return nullptr;
-    FILE *file = std::fopen(path, "rb");
+    // Regular files only: a FIFO or a device could block or never end.
+    FILE *file = image_open_input(path);
     if (!file)
         return nullptr;
     png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr,
@@ -146,8 +149,11 @@ image_png_rows _read_png_to_rgba(const char *path, png_uint_32 *width,
 
         // The rows hold 4 bytes a pixel. The transformations above always
         // give 8-bit RGB or RGBA; anything else would not fit the layouts,
-        // nor perhaps the rows, so it is refused rather than read.
-        const bool fits = png_get_bit_depth(png, info) == 8 &&
+        // nor perhaps the rows, so it is refused rather than read. So is a
+        // header that claims more pixels than common/limits.h allows: a few
+        // bytes of IHDR must not buy gigabytes of rows.
+        const bool fits = image_source_size_ok(*width, *height) &&
+                          png_get_bit_depth(png, info) == 8 &&
                           png_get_channels(png, info) == (transparent ? 4 : 3) &&
                           png_get_rowbytes(png, info) <= size_t(*width) * 4;
         image_png_rows rows = fits ? image_png_rows_alloc(*width, *height, 4) : nullptr;

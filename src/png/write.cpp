@@ -8,6 +8,7 @@
 // the stream's error flag and fclose are checked too.
 #include <cstdio>
 
+#include "common/files.h"
 #include "png/png.h"
 #include "png/silent.h"
 
@@ -16,7 +17,8 @@ int32_t image_png_write_rgba(const char *path, image_png_rows rows,
 {
     if (!path || !rows)
         return -1;
-    FILE *file = std::fopen(path, "wb");
+    // Opened without blocking: a FIFO with no reader fails at once.
+    FILE *file = image_open_output(path, nullptr, 0);
     if (!file)
         return -1;
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr,

@@ -194,3 +194,23 @@ size_t png_chunk_offset(const std::vector<uint8_t> &file, const char *type)
 }
 
 }  // namespace qbtest
+
+namespace qbtest {
+
+void png_fix_crc(std::vector<uint8_t> &file, size_t offset)
+{
+    const size_t length = size_t(file[offset]) << 24 | size_t(file[offset + 1]) << 16 |
+                          size_t(file[offset + 2]) << 8 | file[offset + 3];
+    // CRC-32 of ISO 3309 over the type and the data, bit by bit.
+    uint32_t crc = 0xFFFFFFFFu;
+    for (size_t i = offset + 4; i < offset + 8 + length; ++i) {
+        crc ^= file[i];
+        for (int k = 0; k < 8; ++k)
+            crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+    }
+    crc ^= 0xFFFFFFFFu;
+    for (size_t i = 0; i < 4; ++i)
+        file[offset + 8 + length + i] = uint8_t(crc >> (24 - 8 * i));
+}
+
+}  // namespace qbtest

@@ -53,5 +53,8 @@ std::vector<std::string> png_chunks(const std::vector<uint8_t> &file,
                                     std::vector<uint8_t> *ihdr = nullptr);
 // Offset of the first chunk of `type` (its length field), or 0.
 size_t png_chunk_offset(const std::vector<uint8_t> &file, const char *type);
+// Recomputes the CRC of the chunk at `offset` (its length field), after
+// its data has been changed on purpose.
+void png_fix_crc(std::vector<uint8_t> &file, size_t offset);
 
 }  // namespace qbtest
