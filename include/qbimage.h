@@ -293,6 +293,24 @@ QB_API int32_t image_raw_to_preview_jpeg(const char *raw_path,
                                          int32_t force_decode, int32_t xform,
                                          int32_t quality);
 
+/* Lay the JPEG photo at photo_path under the PNG frame at frame_path and
+ * write the result to output_path as an 8-bit RGBA PNG of the frame's size.
+ * The photo is scaled by the ratio of its width to `width` (it keeps its
+ * proportions: cut off below the box, or fading to black if the box is
+ * taller) into the box at x, y of width x height frame pixels, which must
+ * hold a pixel and lie inside the frame. In the box each pixel is
+ * (frame x alpha + photo x (255 - alpha)) / 255 and opaque; outside it the
+ * frame is unchanged. A photo of four components (CMYK) is refused.
+ * Returns 0, or 9 with one line logged through ctx (rc=-1: frame unreadable,
+ * box empty or outside it, output not written or one of the inputs; rc=-2:
+ * photo unreadable or refused). */
+QB_API int32_t image_create_framed_image(const image_ctx *ctx,
+                                         const char *frame_path,
+                                         const char *photo_path,
+                                         const char *output_path, uint32_t x,
+                                         uint32_t y, uint32_t width,
+                                         uint32_t height);
+
 /* @@MORE-FUNCTIONS@@ */
 
 /* There is no XML metadata facility: always returns -1. */
