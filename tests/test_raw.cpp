@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <climits>
 #include <cstdio>
@@ -13,8 +12,8 @@
 #include <tuple>
 
 #include "dng_writer.h"
-#include "raw/raw.h"
 #include "metadata/metadata.h"
+#include "raw/raw.h"
 #include "test_jpeg.h"
 
 using namespace qbtest;
@@ -31,9 +30,11 @@ long size_of(const std::string &path)  // -1: no such file
 
 enum Corner { top_left, top_right, bottom_left, bottom_right, no_corner };
 
-// The one corner showing the red mark, sampled an eighth of each side in.
-Corner red_corner(const Picture &p)
+// The size, and the one corner showing the red mark, sampled an eighth of
+// each side in.
+std::tuple<int, int, Corner> seen(const std::string &path)
 {
+    const Picture p = read_jpeg(path);
     int found = no_corner, count = 0;
     for (int i = 0; i < 4 && p.width >= 8 && p.height >= 8; ++i) {
         const int x = i & 1 ? p.width - 1 - p.width / 8 : p.width / 8;
@@ -41,26 +42,17 @@ Corner red_corner(const Picture &p)
         if (is_reddish(p.at(x, y), p.components))
             found = i, ++count;
     }
-    return count == 1 ? Corner(found) : no_corner;
+    return {p.width, p.height, count == 1 ? Corner(found) : no_corner};
 }
 
-std::tuple<int, int, Corner> seen(const std::string &path)
+image_metadata filled_with(uint8_t byte)
 {
-    const Picture p = read_jpeg(path);
-    return {p.width, p.height, red_corner(p)};
+    image_metadata m;
+    std::memset(&m, byte, sizeof m);
+    return m;
 }
 
-// Where a camera stores the corner that is top-left when upright.
-Corner stored_corner(int orientation)
-{
-    return orientation == 3 ? bottom_right : orientation == 6 ? bottom_left
-         : orientation == 8 ? top_right : top_left;
-}
-
-DngOptions sized(int width, int height)
-{
-    return {.preview_width = width, .preview_height = height};
-}
+DngOptions sized(int width, int height) { return {.preview_width = width, .preview_height = height}; }
 
 TEST(Preview, TakesTurnsOrRefuses)
 {
@@ -175,19 +167,6 @@ TEST(RgbToJpeg, RescalesEachSampleFormOrRefuses)
     std::fclose(full);
 }
 
-struct ScopedTz {
-    std::string old = std::getenv("TZ") ? std::getenv("TZ") : "";
-    explicit ScopedTz(const char *tz) { setenv("TZ", tz, 1), tzset(); }
-    ~ScopedTz() { old.empty() ? unsetenv("TZ") : setenv("TZ", old.c_str(), 1), tzset(); }
-};
-
-image_metadata filled_with(uint8_t byte)
-{
-    image_metadata m;
-    std::memset(&m, byte, sizeof m);
-    return m;
-}
-
 // Reserved bytes included, in any time zone: LibRaw and the reader both
 // work in local time.
 TEST(RawMetadata, FillsTheWholeRecord)
@@ -206,27 +185,25 @@ TEST(RawMetadata, FillsTheWholeRecord)
     want.focal_length = {50, 1};
     TempDir dir;
     ASSERT_TRUE(write_dng(dir.path("m.dng"), {}));
+    const std::string old_tz = std::getenv("TZ") ? std::getenv("TZ") : "";
     for (const char *zone : {"UTC0", "EST5EDT,M3.2.0,M11.1.0", "JST-9"}) {
-        ScopedTz tz(zone);
+        setenv("TZ", zone, 1), tzset();
         image_metadata got = filled_with(0xAB);
         EXPECT_EQ(image_metadata_from_raw(dir.path("m.dng").c_str(), &got), 0);
         EXPECT_STREQ(got.date_time, want.date_time) << zone;
         EXPECT_EQ(std::memcmp(&got, &want, sizeof got), 0) << zone;
     }
+    old_tz.empty() ? unsetenv("TZ") : setenv("TZ", old_tz.c_str(), 1), tzset();
 }
 
-void count_log(int32_t, void *user, int32_t, const char *, int32_t, const char *, ...)
-{
-    ++*static_cast<int *>(user);
-}
-
-// Both entries show a turned RAW upright. Both staged forms come out in the
-// stored orientation, so the thumbnail is turned exactly once.
+// Both entries show a turned RAW upright. The staging preview, embedded or
+// decoded, comes out in the stored orientation, so the thumbnail is turned
+// exactly once; LibRaw reports Exif 1 as flip 0 and 8 as flip 5, and the
+// record needs 8.
 TEST(RawEntries, TurnedRawsComeOutUpright)
 {
-    const std::string staged = "/tmp/preview." + std::to_string(unsigned(getpid()));
     TempDir dir;
-    const std::string raw = dir.path("t.dng"), thumb = dir.path("t.jpg");
+    const std::string raw = dir.path("t.dng"), thumb = dir.path("t.jpg"), staged = dir.path("s.jpg");
     for (uint16_t orientation : {1, 3, 6, 8})
         for (DngPreview form : {DngPreview::jpeg, DngPreview::none}) {
             SCOPED_TRACE("orientation " + std::to_string(orientation) +
@@ -235,22 +212,22 @@ TEST(RawEntries, TurnedRawsComeOutUpright)
             ASSERT_TRUE(write_dng(raw, {.preview = form, .preview_width = 240,
                                         .preview_height = 160, .orientation = orientation}));
             const bool turned = orientation > 4;
-            const int w = turned ? 64 : 96, h = turned ? 96 : 64;
-            std::remove(staged.c_str());
+            const int w = turned ? 64 : 96, h = turned ? 96 : 64, sw = form == DngPreview::jpeg ? 240 : kW;
             ASSERT_EQ(easy_image_create_thumb(raw.c_str(), thumb.c_str(), w, h, 90, 0), 0);
             EXPECT_EQ(seen(thumb), std::tuple(w, h, top_left));
-            EXPECT_EQ(red_corner(read_jpeg(staged)), stored_corner(orientation));
+            ASSERT_EQ(image_raw_preview(raw.c_str(), staged.c_str(), 0, 0, 85, 0), 0);
+            const Corner stored = orientation == 3 ? bottom_right : orientation == 6 ? bottom_left
+                                : orientation == 8 ? top_right : top_left;
+            EXPECT_EQ(seen(staged), std::tuple(sw, sw * 2 / 3, stored));
 
-            // LibRaw reports Exif 1 as flip 0 and 8 as flip 5; the record needs 8.
-            int lines = 0;
-            const image_ctx ctx{&lines, nullptr, nullptr, count_log, 0, 1, 2, 3};
+            std::string log;
+            const image_ctx ctx{&log, nullptr, nullptr, capture_log, 0, 1, 2, 3};
             image_metadata m = filled_with(0xAB);
             EXPECT_EQ(image_get_metadata(&ctx, raw.c_str(), IMAGE_MEDIA_RAW, &m), 0);
-            EXPECT_EQ(std::tuple(m.orientation, m.orientation_valid, m.width, m.height, lines),
+            EXPECT_EQ(std::tuple(m.orientation, m.orientation_valid, m.width, m.height, log),
                       std::tuple(uint16_t(orientation == 1 ? 0 : orientation), uint16_t(1),
-                                 uint32_t(turned ? kH : kW), uint32_t(turned ? kW : kH), 0));
+                                 uint32_t(turned ? kH : kW), uint32_t(turned ? kW : kH), ""));
         }
-    std::remove(staged.c_str());
 }
 
 TEST(RawEntries, RefusedFilesAreCode9AndLeaveARecordOfZeros)

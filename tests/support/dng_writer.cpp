@@ -1,6 +1,5 @@
 #include "dng_writer.h"
 
-#include <algorithm>
 #include <vector>
 
 #include "exif_writer.h"
@@ -18,17 +17,7 @@ ExifField R(uint16_t tag, uint32_t n, uint32_t d) { return {tag, kTiffRational, 
 Picture stored_scene(int w, int h, int orientation)
 {
     const bool turned = orientation == 6 || orientation == 8;
-    const Picture up = make_picture(turned ? h : w, turned ? w : h, 3);
-    Picture s = make_flat(w, h, 3, 0);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-            const int ux = orientation == 3 ? w - 1 - x : orientation == 6 ? h - 1 - y
-                         : orientation == 8 ? y : x;
-            const int uy = orientation == 3 ? h - 1 - y : orientation == 6 ? x
-                         : orientation == 8 ? w - 1 - x : y;
-            std::copy_n(up.at(ux, uy), 3, s.at(x, y));
-        }
-    return s;
+    return stored_as(make_picture(turned ? h : w, turned ? w : h, 3), orientation);
 }
 
 // The tags of the sensor data (subfile type 0) or of the preview.
