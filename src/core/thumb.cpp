@@ -10,6 +10,7 @@
 #include "core/core.h"
 #include "metadata/metadata.h"
 #include "pipeline/pipeline.h"
+#include "png/png.h"
 #include "raw/raw.h"
 
 namespace {
@@ -120,7 +121,6 @@ extern "C" QB_API int32_t easy_image_create_thumb(const char *path,
                                                   int32_t quality,
                                                   uint32_t background)
 {
-    (void)background;  // only the PNG route reads it
     const image_ctx ctx = default_ctx();
     const char *dot = path ? std::strrchr(path, '.') : nullptr;
     if (!dot)
@@ -143,7 +143,8 @@ extern "C" QB_API int32_t easy_image_create_thumb(const char *path,
             xform = image_orientation2xform[meta.orientation];
         break;
     }
-    case IMAGE_MEDIA_PNG:  // Interim: PNG files have no route yet.
+    case IMAGE_MEDIA_PNG:  // no orientation: a PNG is never turned
+        break;
     default:
         return IMAGE_RC_FAILED;
     }
@@ -152,6 +153,8 @@ extern "C" QB_API int32_t easy_image_create_thumb(const char *path,
     params.width = width;
     params.height = height;
     params.quality = quality;
+    if (type == IMAGE_MEDIA_PNG)
+        return image_thumb_from_png(&ctx, path, output, &params, xform, background);
     if (type != IMAGE_MEDIA_RAW)
         return image_thumb_from_jpeg(&ctx, path, output, &params, xform);
 
