@@ -1,4 +1,4 @@
-// The framed image (Part 6.3): the photo read and scaled, the composition
+// The framed image: the photo read and scaled, the composition
 // under the frame's alpha, the PNG written, and the failures with their log
 // line.
 #include <sys/stat.h>
@@ -199,7 +199,7 @@ TEST(FramedPhoto, MatchesDecodeAndBicubicAtTheWidthsRatio)
     }
 }
 
-// Rows below the scaled photo, as Part 3.3 gives positions beyond the
+// Rows below the scaled photo, as the bicubic filter gives positions beyond the
 // source: a flat photo 20 x 10 in a 40 x 30 box (ratio 0.5): rows 0-19 hold
 // the photo; row 20 samples at the edge (weight 0: black), row 21 in the
 // last lobe (the last row's value), rows 22 on nothing (black). And 400 x

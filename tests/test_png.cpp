@@ -1,4 +1,4 @@
-// PNG files (Part 6.2): the row store, the reader over every colour type and
+// PNG files: the row store, the reader over every colour type and
 // depth, its blend and layouts, the writer, and the PNG thumbnail route.
 #include <algorithm>
 #include <array>

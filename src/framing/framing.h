@@ -1,4 +1,4 @@
-// The framed image (Part 6.3): a JPEG photo scaled into a box of a PNG
+// The framed image: a JPEG photo scaled into a box of a PNG
 // frame and laid under the frame's alpha. Internal declarations; only
 // image_create_framed_image (include/qbimage.h) is exported.
 #pragma once

@@ -1,4 +1,4 @@
-// PNG files (Part 6.2): the PNG row store, the reader that brings any PNG
+// PNG files: the PNG row store, the reader that brings any PNG
 // to 8-bit RGBA or to RGB over a background colour, the 8-bit RGBA writer,
 // and the PNG route of the thumbnail entry. Nothing here is exported from
 // the shared object; the framed image (src/framing) uses the reader and

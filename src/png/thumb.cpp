@@ -24,7 +24,7 @@ int32_t image_thumb_from_png(const image_ctx *ctx, const char *path,
     if (!picture)
         return IMAGE_RC_FAILED;
 
-    // A hand-filled cache: only data, no decompressor (Part 2.2). It must
+    // A hand-filled cache: only data, no decompressor. It must
     // not reach jpeg_destroy_decompress; image_jpeg_jcache_clean frees the
     // rows.
     image_jcache cache;
