@@ -10,7 +10,6 @@
 // renormalises what remains.
 #include <cmath>
 #include <cstdint>
-#include <algorithm>
 
 #include "resample/bicubic_taps.h"
 #include "resample/resample.h"
@@ -114,17 +113,15 @@ void image_resample_bicubic_double(const image_rows src_rows,
     if (!components_usable(components)) return;
     const int32_t matrix = matrix_wanted(components, adobe);
 
-    taps strip[kBicubicStrip];
-    for (int32_t x0 = 0; x0 < dst_width; x0 += kBicubicStrip) {
-        const int32_t count = std::min(kBicubicStrip, dst_width - x0);
-        for (int32_t k = 0; k < count; ++k)
-            strip[k] = bicubic_taps_at<double>((x0 + k) * ratio + x_offset, src_width);
-        for (int32_t y = 0; y < dst_height; ++y) {
-            const taps row = bicubic_taps_at<double>(y * ratio + y_offset, src_height);
-            uint8_t *dst = dst_rows[y] + static_cast<size_t>(x0) * components;
-            for (int32_t k = 0; k < count; ++k)
-                bicubic_pixel(src_rows, dst + static_cast<size_t>(k) * components,
-                              components, matrix, strip[k], row);
-        }
-    }
+    bicubic_strips<taps>(
+        dst_rows, dst_width, dst_height, components,
+        [&](int32_t x) {
+            return bicubic_taps_at<double>(x * ratio + x_offset, src_width);
+        },
+        [&](int32_t y) {
+            return bicubic_taps_at<double>(y * ratio + y_offset, src_height);
+        },
+        [&](uint8_t *dst, const taps &tx, const taps &ty) {
+            bicubic_pixel(src_rows, dst, components, matrix, tx, ty);
+        });
 }

@@ -87,19 +87,17 @@ void image_resample_bicubic_vector(const image_rows src_rows,
                                        _mm_setr_ps(a[2], a[5], a[8], 0.0f)};
     const matrix_columns *m = adobe ? &by_columns : nullptr;
 
-    taps strip[kBicubicStrip];
-    for (int32_t x0 = 0; x0 < dst_width; x0 += kBicubicStrip) {
-        const int32_t count = std::min(kBicubicStrip, dst_width - x0);
-        for (int32_t k = 0; k < count; ++k)
-            strip[k] = bicubic_taps_at<float>((x0 + k) * ratio + x_offset, src_width);
-        for (int32_t y = 0; y < dst_height; ++y) {
-            const taps row = bicubic_taps_at<float>(y * ratio + y_offset, src_height);
-            uint8_t *dst = dst_rows[y] + static_cast<size_t>(x0) * 3;
-            for (int32_t k = 0; k < count; ++k)
-                pixel(src_rows, dst + static_cast<size_t>(k) * 3, strip[k], row,
-                      m);
-        }
-    }
+    bicubic_strips<taps>(
+        dst_rows, dst_width, dst_height, 3,
+        [&](int32_t x) {
+            return bicubic_taps_at<float>(x * ratio + x_offset, src_width);
+        },
+        [&](int32_t y) {
+            return bicubic_taps_at<float>(y * ratio + y_offset, src_height);
+        },
+        [&](uint8_t *dst, const taps &tx, const taps &ty) {
+            pixel(src_rows, dst, tx, ty, m);
+        });
 }
 
 #endif  // IMAGE_RESAMPLE_SSE2

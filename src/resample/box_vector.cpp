@@ -13,6 +13,7 @@
 
 #if defined(IMAGE_RESAMPLE_SSE2)
 
+#include "resample/box_skeleton.h"
 #include "resample/vector_arith.h"
 
 #include <algorithm>
@@ -228,10 +229,8 @@ void image_box_row_float(uint8_t *dst_row, const float *entries,
 // The dispatcher sends only three-component pictures here, but nothing in
 // the stages without the matrix depends on that, so 1 to 4 components are
 // served and the Adobe flag is honoured for three only, as in the double
-// form. Refused, writing nothing, as there: no destination size, a ratio
-// that is not a positive finite number, components outside 1..4, a
-// negative offset, or an offset that leaves no source row or column; and a
-// failed allocation leaves the destination as it was.
+// form. The calls that every box form refuses (box_call_usable) write
+// nothing, and a failed allocation leaves the destination as it was.
 //
 // The source rows must come from the library's row store, since whole
 // aligned blocks are read up to 15 samples on either side of the used
@@ -242,11 +241,9 @@ void image_resample_box_vector(const image_rows src_rows, image_rows dst_rows,
                                int32_t src_height, int32_t dst_width,
                                int32_t dst_height, int32_t components,
                                int32_t adobe) {
-    if (dst_width <= 0 || dst_height <= 0) return;
-    if (!(ratio > 0.0) || !std::isfinite(ratio)) return;
-    if (components < 1 || components > 4) return;
-    if (x_offset < 0 || y_offset < 0) return;
-    if (x_offset >= src_width || y_offset >= src_height) return;
+    if (!box_call_usable(x_offset, y_offset, src_width, ratio, src_height,
+                         dst_width, dst_height, components))
+        return;
 
     const image_box_window win = image_box_window_make(
         x_offset, src_width, dst_width, ratio, components);
