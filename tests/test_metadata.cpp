@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdarg>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <tuple>
 
@@ -52,13 +52,8 @@ Bytes segment(uint8_t type, const Bytes &payload)
 // A baseline JPEG of 30 x 20 without APPn segments, or with one APP1.
 Bytes jpeg(const std::optional<Bytes> &app1 = std::nullopt)
 {
-    static const Bytes plain = [] {
-        JpegOptions opt;
-        opt.write_jfif = false;
-        return encode_jpeg(make_flat(30, 20, 3, 128), opt);
-    }();
-    return app1 ? cat({{0xFF, 0xD8}, segment(0xE1, *app1), {plain.begin() + 2, plain.end()}})
-                : plain;
+    static const Bytes plain = encode_jpeg(make_flat(30, 20, 3, 128), {.write_jfif = false});
+    return app1 ? cat({{0xFF, 0xD8}, segment(0xE1, *app1), {plain.begin() + 2, plain.end()}}) : plain;
 }
 
 std::string write_temp(TempDir &dir, const Bytes &bytes)
@@ -235,18 +230,6 @@ Bytes tagged(int orientation, uint32_t width, uint32_t height)
     return jpeg(build_exif(block));
 }
 
-void capture_log(int32_t level, void *user, int32_t code, const char *file, int32_t line,
-                 const char *format, ...)
-{
-    char text[1200];
-    const int n = std::snprintf(text, sizeof text, "%d %d %s:%d ", level, code, file, line);
-    va_list ap;
-    va_start(ap, format);
-    std::vsnprintf(text + n, sizeof text - size_t(n), format, ap);
-    va_end(ap);
-    *static_cast<std::string *>(user) += text + std::string("\n");
-}
-
 TEST(GetMetadata, SizeRuleResultsAndLogLines)
 {
     // At level 7 every line shows; @ stands for the path.
@@ -255,41 +238,38 @@ TEST(GetMetadata, SizeRuleResultsAndLogLines)
     const std::string no_size = go + "7 9 image:49 Cannot get dimension @\n";
     const std::string raw_failed = "7 9 image:64 Cannot extract metadata for @\n";
     const Bytes soi = {0xFF, 0xD8}, sos = segment(0xDA, {1, 1, 0, 0, 0x3F, 0});
-    const auto jpg = IMAGE_MEDIA_JPEG;
     const struct {
         std::optional<Bytes> file;  // none: missing
-        image_media_type type;
-        bool null_record;
         int32_t rc;
         std::string log;
         std::vector<std::string> expected;
+        image_media_type type = IMAGE_MEDIA_JPEG;
+        bool null_record = false;
     } cases[] = {
         // Sizes from the frame header of 30 x 20 or from Exif.
-        {jpeg(), jpg, false, 0, go, {"w=30", "h=20", "ori=0/0"}},
-        {tagged(-1, 60, 40), jpg, false, 0, go, {"w=30", "h=20", "ori=0/0"}},
-        {tagged(1, 60, 40), jpg, false, 0, go, {"w=30", "h=20", "ori=1/0"}},  // flag cleared
-        {tagged(1, 30, 20), jpg, false, 0, go, {"w=30", "h=20", "ori=1/1"}},  // agreeing
-        {tagged(6, 60, 40), jpg, false, 0, go, {"w=40", "h=60", "ori=6/1"}},  // exchanged
-        {tagged(2, 60, 40), jpg, false, 0, go, {"w=60", "h=40", "ori=2/1"}},
-        {tagged(5, 30, 20), jpg, false, 0, go, {"w=20", "h=30", "ori=5/1"}},
-        {tagged(9, 30, 20), jpg, false, 0, go, {"w=20", "h=30", "ori=0/1"}},  // then 0
-        {tagged(6, 0, 0), jpg, false, 9, no_size, {"w=0", "h=0", "ori=6/1"}},
-        {tagged(12, 0, 0), jpg, false, 9, no_size, {"ori=0/1"}},  // 0 on failure too
+        {jpeg(), 0, go, {"w=30", "h=20", "ori=0/0"}},
+        {tagged(-1, 60, 40), 0, go, {"w=30", "h=20", "ori=0/0"}},
+        {tagged(1, 60, 40), 0, go, {"w=30", "h=20", "ori=1/0"}},  // flag cleared
+        {tagged(1, 30, 20), 0, go, {"w=30", "h=20", "ori=1/1"}},  // agreeing
+        {tagged(6, 60, 40), 0, go, {"w=40", "h=60", "ori=6/1"}},  // exchanged
+        {tagged(2, 60, 40), 0, go, {"w=60", "h=40", "ori=2/1"}},
+        {tagged(5, 30, 20), 0, go, {"w=20", "h=30", "ori=5/1"}},
+        {tagged(9, 30, 20), 0, go, {"w=20", "h=30", "ori=0/1"}},  // then 0
+        {tagged(6, 0, 0), 9, no_size, {"w=0", "h=0", "ori=6/1"}},
+        {tagged(12, 0, 0), 9, no_size, {"ori=0/1"}},  // 0 on failure too
         // The first frame header of types 0 to 3, past SOF5, APP1 and stuffed scan bytes.
-        {cat({soi, sof(0xC5, 1, 1), sof(0xC2, 50, 60)}), jpg, false, 0, go, {"w=50", "h=60"}},
-        {cat({soi, segment(0xE1, sof(0xC0, 16, 16)), sof(0xC1, 3, 2)}), jpg, false, 0, go,
-         {"w=3", "h=2"}},
-        {cat({soi, sos, {0x12, 0xFF, 0x00, 0xC0, 0xFF, 0x00, 0x34}, sof(0xC3, 11, 12)}), jpg,
-         false, 0, go, {"w=11", "h=12"}},
-        {Bytes{0xFF, 0xD8, 0xFF, 0xC0, 0x00, 0x0B, 0x08, 0x01}, jpg, false, 9, no_size,
-         {"w=0", "h=0"}},
-        {Bytes{0xFF, 0xD8, 0xFF, 0xD9}, jpg, false, 9, no_size, {"w=0", "h=0"}},
-        {cat({{'t', 'e', 'x', 't'}, sof(0xC0, 5, 5)}), jpg, false, 9, no_size, {"w=0", "h=0"}},
-        {std::nullopt, jpg, false, 9, exif_failed, {}},
-        {Bytes{}, jpg, false, 9, exif_failed, {}},
-        {jpeg(), jpg, true, 9, exif_failed, {}},
-        {jpeg(), IMAGE_MEDIA_PNG, false, 9, raw_failed, {}},  // PNG goes the RAW way
-        {jpeg(), IMAGE_MEDIA_RAW, false, 9, raw_failed, {}},
+        {cat({soi, sof(0xC5, 1, 1), sof(0xC2, 50, 60)}), 0, go, {"w=50", "h=60"}},
+        {cat({soi, segment(0xE1, sof(0xC0, 16, 16)), sof(0xC1, 3, 2)}), 0, go, {"w=3", "h=2"}},
+        {cat({soi, sos, {0x12, 0xFF, 0x00, 0xC0, 0xFF, 0x00, 0x34}, sof(0xC3, 11, 12)}), 0, go,
+         {"w=11", "h=12"}},
+        {Bytes{0xFF, 0xD8, 0xFF, 0xC0, 0x00, 0x0B, 0x08, 0x01}, 9, no_size, {"w=0", "h=0"}},
+        {Bytes{0xFF, 0xD8, 0xFF, 0xD9}, 9, no_size, {"w=0", "h=0"}},
+        {cat({{'t', 'e', 'x', 't'}, sof(0xC0, 5, 5)}), 9, no_size, {"w=0", "h=0"}},
+        {std::nullopt, 9, exif_failed, {}},
+        {Bytes{}, 9, exif_failed, {}},
+        {jpeg(), 9, exif_failed, {}, IMAGE_MEDIA_JPEG, true},
+        {jpeg(), 9, raw_failed, {}, IMAGE_MEDIA_PNG},  // PNG goes the RAW way
+        {jpeg(), 9, raw_failed, {}, IMAGE_MEDIA_RAW},
     };
     for (const auto &c : cases) {
         TempDir dir;
