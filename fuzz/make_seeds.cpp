@@ -485,5 +485,34 @@ int main(int argc, char **argv)
         seed("png_read", p.name, data);
     }
 
+    // ---- framed: a frame, a box in it and a photo ----
+    struct FramedRow {
+        const char *name;
+        PngSpec frame;
+        uint16_t x, y, width, height;
+        const char *photo;
+    };
+    const FramedRow framed_rows[] = {
+        {"rgba_frame_rgb_photo", {64, 48, PNG_COLOR_TYPE_RGB_ALPHA, 8}, 8, 6, 48, 36, "rgb_64x48.jpg"},
+        {"rgb_frame_grey_photo", {40, 40, PNG_COLOR_TYPE_RGB, 8}, 0, 0, 40, 40, "grey_24x40.jpg"},
+        {"palette_frame_small_box", {32, 32, PNG_COLOR_TYPE_PALETTE, 4, false, true}, 30, 30, 2, 2,
+         "rgb_640x480.jpg"},
+        {"grey16_frame_wide_photo", {30, 20, PNG_COLOR_TYPE_GRAY, 16, false, false, true}, 5, 2, 20, 6,
+         "rgb_200x8.jpg"},
+        {"interlaced_frame_cmyk_photo", {33, 21, PNG_COLOR_TYPE_RGB_ALPHA, 8, true}, 1, 1, 31, 19,
+         "cmyk_32x24.jpg"},
+        {"frame_adobe_photo", {20, 20, PNG_COLOR_TYPE_GRAY_ALPHA, 8}, 2, 3, 16, 12,
+         "rgb_64x48_adobe_rgb.jpg"},
+    };
+    for (const FramedRow &row : framed_rows) {
+        const Bytes frame = make_png(row.frame);
+        const auto length = uint32_t(frame.size());
+        const Bytes header = {uint8_t(row.x >> 8), uint8_t(row.x), uint8_t(row.y >> 8), uint8_t(row.y),
+                              uint8_t(row.width >> 8), uint8_t(row.width), uint8_t(row.height >> 8),
+                              uint8_t(row.height), uint8_t(length >> 24), uint8_t(length >> 16),
+                              uint8_t(length >> 8), uint8_t(length)};
+        seed("framed", row.name, concat(concat(header, frame), jpeg_named(row.photo)));
+    }
+
     return g_failures == 0 ? 0 : 1;
 }
