@@ -28,8 +28,7 @@ const struct PlanCase {
     int32_t sw, sh;
     uint32_t mode;
     int32_t bw, bh;
-    uint32_t xform = 0;
-    int no_stream = 0;
+    uint32_t xform = 0, no_stream = 0;
     int32_t tw = 0, th = 0;
     uint32_t denom = 0;
     Kind kind = NONE;
@@ -78,7 +77,7 @@ TEST(Planner, WorkedPlansAndRefusals)
     for (const PlanCase &c : kPlans) {
         SCOPED_TRACE(c.what);
         const image_scale_params p = params(c.mode, c.bw, c.bh, 85, c.max_aspect);
-        const image_scale_plan plan = image_scale_plan_for_size(c.sw, c.sh, &p, c.no_stream, c.xform);
+        const image_scale_plan plan = image_scale_plan_for_size(c.sw, c.sh, &p, int(c.no_stream), c.xform);
         ASSERT_EQ(plan.valid != 0, c.tw != 0);
         if (!plan.valid)
             continue;
