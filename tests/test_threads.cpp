@@ -91,7 +91,9 @@ int32_t host_sizes(const std::string &in, const std::string &out)
     volatile int32_t rc = 1;
     image_jpeg_jcache_init(&cache, &err.mgr);
     err.mgr.error_exit = image_jpeg_error_exit;
-    if (first && second && setjmp(err.jump) == 0) {
+    if (first && second && setjmp(err.jump) != 0) {
+        rc = 1;  // the decoder failed
+    } else if (first && second) {
         jpeg_create_decompress(&cache.cinfo);
         jpeg_stdio_src(&cache.cinfo, first);
         jpeg_save_markers(&cache.cinfo, JPEG_APP0 + 2, 0xFFFF);
