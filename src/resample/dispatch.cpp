@@ -61,10 +61,9 @@ constexpr resample_form_fn pick(const filter_forms &forms,
     return forms.double_precision;
 }
 
-// Forms not available in a build are stood in for by the double form, the
-// reference arithmetic: the four-lane forms need SSE2, which every x86-64
-// processor has and builds for other processors lack, and the fixed-point
-// forms are not written yet.
+// The four-lane forms need SSE2, which every x86-64 processor has and
+// builds for other processors lack; there the double form, the reference
+// arithmetic, stands in for them.
 #if defined(IMAGE_RESAMPLE_SSE2)
 constexpr resample_form_fn box_vector = image_resample_box_vector;
 constexpr resample_form_fn bicubic_vector = image_resample_bicubic_vector;
@@ -76,13 +75,13 @@ constexpr resample_form_fn bicubic_vector = image_resample_bicubic_double;
 constexpr filter_forms box_forms = {
     image_resample_box_double,
     box_vector,
-    image_resample_box_double,  // fixed-point form to come
+    image_resample_box_fixed,
 };
 
 constexpr filter_forms bicubic_forms = {
     image_resample_bicubic_double,
     bicubic_vector,
-    image_resample_bicubic_double,  // fixed-point form to come
+    image_resample_bicubic_fixed,
 };
 
 }  // namespace

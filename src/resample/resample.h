@@ -71,6 +71,35 @@ void image_bicubic_pixel_double(const image_rows src_rows, image_rows dst_rows,
                                 int32_t adobe, double px, double py);
 double image_bicubic_weight_double(int32_t index, double position);
 
+// ---- 16.16 fixed-point forms ----
+// No floating point per pixel: 0x10000 is full light and a weight of 1.
+// Calls past the range of 16.16 numbers are handed to the double forms.
+void image_resample_box_fixed(const image_rows src_rows, image_rows dst_rows,
+                              int32_t x_offset, int32_t y_offset,
+                              int32_t src_width, double ratio,
+                              int32_t src_height, int32_t dst_width,
+                              int32_t dst_height, int32_t components,
+                              int32_t adobe);
+void image_box_accumulate_fixed(const uint8_t *samples, int32_t *current,
+                                int32_t *next, int32_t weight, int32_t n,
+                                int32_t adobe);
+void image_box_row_fixed(uint8_t *dst_row, const int32_t *current,
+                         int32_t row_weight, int32_t src_width,
+                         int32_t dst_width, int32_t components,
+                         int32_t ratio_fixed);
+
+void image_resample_bicubic_fixed(const image_rows src_rows,
+                                  image_rows dst_rows, int32_t x_offset,
+                                  int32_t y_offset, int32_t src_width,
+                                  double ratio, int32_t src_height,
+                                  int32_t dst_width, int32_t dst_height,
+                                  int32_t components, int32_t adobe);
+void image_bicubic_pixel_fixed(const image_rows src_rows, image_rows dst_rows,
+                               int32_t src_width, int32_t src_height,
+                               int32_t x, int32_t y, int32_t px, int32_t py,
+                               int32_t components, int32_t adobe);
+int32_t image_bicubic_weight_fixed(int32_t position, int32_t index);
+
 // ---- row store extent ----
 // Bytes allocated for every row of an image_rows store of this width (the
 // row store of image_jpeg.cpp, source and destination alike): the width
