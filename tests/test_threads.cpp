@@ -8,6 +8,7 @@
 #include <csetjmp>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
