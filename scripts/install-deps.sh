@@ -3,8 +3,14 @@
 # Debian machine. Run as root.
 set -eu
 export DEBIAN_FRONTEND=noninteractive
+# The library: libjpeg, libpng, libexif, LibRaw. Tests and tools: GoogleTest,
+# the reference tools the tests compare against (jpegtran, exiftool), clang
+# with its fuzzer runtime, the command line's parser and JSON writer, and
+# Debian's Python with cffi, Dask and pytest.
 pkgs="g++ cmake make pkg-config libjpeg62-turbo-dev libpng-dev libexif-dev \
-libraw-dev libgtest-dev libjpeg-turbo-progs libimage-exiftool-perl binutils"
+libraw-dev libgtest-dev libjpeg-turbo-progs libimage-exiftool-perl binutils \
+clang libclang-rt-14-dev libcli11-dev nlohmann-json3-dev \
+python3 python3-cffi python3-pytest python3-dask python3-distributed python3-venv"
 missing=""
 for p in $pkgs; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" ||
