@@ -1,11 +1,13 @@
-// Speed of the resampling forms: the four-lane single-precision form of
-// each filter against its double-precision form, on a 12-megapixel
-// three-component source, with and without the Adobe matrix.
+// Speed of the resampling forms: the double-precision, four-lane
+// single-precision and 16.16 fixed-point form of each filter, on
+// 12-megapixel three-component pictures, with and without the Adobe matrix.
 //
 //   resample_bench [RUNS]     median wall time of RUNS calls (default 9)
 //
-// Also reports how many output bytes the two forms share on this picture,
-// since the speed of a form that strays would mean nothing.
+// Megapixels per second count the larger side of the work: the source area
+// that a reduction covers, or the destination of an enlargement. Also
+// reports how many output bytes each form shares with the double form on
+// this picture, since the speed of a form that strays would mean nothing.
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -51,9 +53,9 @@ double time_ms(form_fn form, image_rows src, image_rows dst, double ratio, int d
     return std::chrono::duration<double, std::milli>(stop - start).count();
 }
 
-// What the encoder alone costs for an output of this many samples (median
-// of five): both forms end in one pow per output sample, a floor that
-// neither goes below.
+// What the encoder of the floating-point forms alone costs for an output of
+// this many samples (median of five): one pow per output sample, a floor
+// that neither of them goes below. The fixed form encodes by table.
 double encoder_ms(size_t samples) {
     std::vector<double> times;
     unsigned sink = 0;
@@ -68,40 +70,60 @@ double encoder_ms(size_t samples) {
     return median(times);
 }
 
-void measure(const char *name, form_fn vector, form_fn reference, image_rows src, double ratio,
-             int runs) {
-    const int dst_w = int(kSrcWidth / ratio), dst_h = int(kSrcHeight / ratio);
-    image_rows a = image_rows_alloc(dst_w, dst_h, 3), b = image_rows_alloc(dst_w, dst_h, 3);
-    if (!a || !b) {
-        std::fprintf(stderr, "out of memory\n");
-        std::exit(1);
-    }
-    for (int adobe : {0, 1}) {
-        // The two forms take turns, so that a change in the machine's load
-        // falls on both alike.
-        std::vector<double> ref_ms, vec_ms;
-        for (int r = 0; r < runs; ++r) {
-            ref_ms.push_back(time_ms(reference, src, a, ratio, dst_w, dst_h, adobe));
-            vec_ms.push_back(time_ms(vector, src, b, ratio, dst_w, dst_h, adobe));
+// Share of equal bytes between two outputs, and the largest difference.
+void compare(image_rows a, image_rows b, int dst_w, int dst_h, double *equal, int *worst) {
+    size_t same = 0, total = 0;
+    *worst = 0;
+    for (int y = 0; y < dst_h; ++y)
+        for (int i = 0; i < dst_w * 3; ++i) {
+            const int d = std::abs(int(a[y][i]) - int(b[y][i]));
+            same += d == 0;
+            *worst = std::max(*worst, d);
+            ++total;
         }
-        const double t_ref = median(ref_ms), t_vec = median(vec_ms);
-        size_t equal = 0, total = 0;
-        int worst = 0;
-        for (int y = 0; y < dst_h; ++y)
-            for (int i = 0; i < dst_w * 3; ++i) {
-                const int d = std::abs(int(a[y][i]) - int(b[y][i]));
-                equal += d == 0;
-                worst = std::max(worst, d);
-                ++total;
-            }
-        std::printf(
-            "%-8s %4dx%-4d ratio %-7g adobe %d  double %7.1f ms  vector %7.1f ms  "
-            "x%.2f  (encoder alone %5.1f ms)  equal %.5f worst %d\n",
-            name, dst_w, dst_h, ratio, adobe, t_ref, t_vec, t_ref / t_vec, encoder_ms(total),
-            double(equal) / double(total), worst);
+    *equal = double(same) / double(total);
+}
+
+struct forms {
+    const char *name;
+    form_fn by_form[3];  // double, vector, fixed
+};
+
+void measure(const forms &filter, image_rows src, double ratio, int dst_w, int dst_h, int runs) {
+    const char *form_names[3] = {"double", "vector", "fixed"};
+    image_rows out[3];
+    for (image_rows &o : out) {
+        o = image_rows_alloc(dst_w, dst_h, 3);
+        if (!o) {
+            std::fprintf(stderr, "out of memory\n");
+            std::exit(1);
+        }
     }
-    image_rows_free(a, uint32_t(dst_h), 1);
-    image_rows_free(b, uint32_t(dst_h), 1);
+    const double covered = double(dst_w) * dst_h * std::max(1.0, ratio * ratio);
+    std::printf("%s %dx%d ratio %g (%.1f Mpx of work), pow encoder alone %.1f ms\n", filter.name,
+                dst_w, dst_h, ratio, covered / 1e6, encoder_ms(size_t(dst_w) * dst_h * 3));
+    for (int adobe : {0, 1}) {
+        // The forms take turns, so that a change in the machine's load falls
+        // on all of them alike.
+        std::vector<double> ms[3];
+        for (int r = 0; r < runs; ++r)
+            for (int f = 0; f < 3; ++f)
+                ms[f].push_back(time_ms(filter.by_form[f], src, out[f], ratio, dst_w, dst_h, adobe));
+        const double reference = median(ms[0]);
+        std::printf("  adobe %d", adobe);
+        for (int f = 0; f < 3; ++f) {
+            const double t = median(ms[f]);
+            std::printf("  %s %7.1f ms %6.1f Mpx/s", form_names[f], t, covered / 1e3 / t);
+            if (f > 0) {
+                double equal;
+                int worst;
+                compare(out[0], out[f], dst_w, dst_h, &equal, &worst);
+                std::printf(" x%.2f (equal %.4f, worst %d)", reference / t, equal, worst);
+            }
+        }
+        std::printf("\n");
+    }
+    for (image_rows o : out) image_rows_free(o, uint32_t(dst_h), 1);
 }
 
 }  // namespace
@@ -116,12 +138,20 @@ int main(int argc, char **argv) {
     }
     fill(src);
     std::printf("source %dx%d, 3 components, median of %d runs\n", kSrcWidth, kSrcHeight, runs);
-    // 4000 / 1024: a ratio that single precision holds exactly, and one that
-    // it does not, where the box form's window ends drift.
-    measure("box", image_resample_box_vector, image_resample_box_double, src, 3.90625, runs);
-    measure("box", image_resample_box_vector, image_resample_box_double, src, 3.9, runs);
-    measure("bicubic", image_resample_bicubic_vector, image_resample_bicubic_double, src, 1.5625,
-            runs);
+    const forms box = {"box",
+                       {image_resample_box_double, image_resample_box_vector,
+                        image_resample_box_fixed}};
+    const forms bicubic = {"bicubic",
+                           {image_resample_bicubic_double, image_resample_bicubic_vector,
+                            image_resample_bicubic_fixed}};
+    // 4000 / 1024: a ratio that single precision and 16.16 hold exactly, and
+    // one that they do not, where the vector form's window ends drift and
+    // the fixed form's fall short.
+    measure(box, src, 3.90625, 1024, 768, runs);
+    measure(box, src, 3.9, 1025, 769, runs);
+    measure(bicubic, src, 1.5625, 2560, 1920, runs);
+    // Enlargement by 4 of the top-left 1000x750 to 4000x3000.
+    measure(bicubic, src, 0.25, kSrcWidth, kSrcHeight, runs);
     image_rows_free(src, kSrcHeight, 1);
     return 0;
 #else
