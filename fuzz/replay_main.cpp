@@ -5,8 +5,14 @@
 //
 // The test suite builds each target with this file against the library, so
 // every input that once failed keeps being run, under the sanitizers too.
+//
+// An input that once hung must fail here too rather than stall the suite:
+// each one gets QB_REPLAY_SECONDS (default 60, generous for a sanitizer
+// build; the fuzz run allows 5) before the replay stops with an error.
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -19,6 +25,13 @@
 namespace {
 
 namespace fs = std::filesystem;
+
+extern "C" void on_alarm(int)
+{
+    static const char kText[] = "replay: input ran out of time\n";
+    (void)!write(2, kText, sizeof kText - 1);
+    _exit(3);
+}
 
 bool replay(const fs::path &file)
 {
@@ -34,7 +47,10 @@ bool replay(const fs::path &file)
     // A copy of exactly the input's size, so a read past its end is caught.
     auto *copy = new uint8_t[data.empty() ? 1 : data.size()];
     std::copy(data.begin(), data.end(), copy);
+    const char *limit = std::getenv("QB_REPLAY_SECONDS");
+    alarm(limit && std::atoi(limit) > 0 ? unsigned(std::atoi(limit)) : 60u);
     LLVMFuzzerTestOneInput(copy, data.size());
+    alarm(0);
     delete[] copy;
     return true;
 }
@@ -43,6 +59,7 @@ bool replay(const fs::path &file)
 
 int main(int argc, char **argv)
 {
+    std::signal(SIGALRM, on_alarm);
     std::vector<fs::path> files;
     for (int i = 1; i < argc; ++i) {
         const fs::path arg(argv[i]);
