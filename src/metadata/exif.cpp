@@ -2,6 +2,7 @@
 // stored, and each field is read only from an entry long enough for it.
 #include <array>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <utility>
@@ -10,6 +11,7 @@
 
 #include <libexif/exif-data.h>
 #include <libexif/exif-loader.h>
+#include <libexif/exif-log.h>
 #include <libexif/exif-mem.h>
 #include <libexif/exif-utils.h>
 
@@ -333,6 +335,39 @@ void read_fields(ExifData *data, image_metadata *meta)
     read_altitude(v, meta);
 }
 
+// libexif drops what it has no memory for (an entry, a whole IFD) and goes
+// on, and its allocator hooks take no context, so a failed allocation is
+// noted in a per-thread flag. The flag is cleared at the start of each call
+// and read before it returns: nothing carries over between calls or
+// crosses threads.
+thread_local bool t_exif_short = false;
+
+void *exif_alloc(ExifLong size)
+{
+    void *p = std::calloc(size, 1);
+    if (!p)
+        t_exif_short = true;
+    return p;
+}
+
+void *exif_realloc(void *ptr, ExifLong size)
+{
+    void *p = std::realloc(ptr, size);
+    if (!p && size)
+        t_exif_short = true;
+    return p;
+}
+
+void exif_release(void *ptr) { std::free(ptr); }
+
+// The loader opens the file itself and tells of a failure only in its log.
+void note_unopened(ExifLog *, ExifLogCode code, const char *domain,
+                   const char *, va_list, void *)
+{
+    if (code == EXIF_LOG_CODE_NONE && std::strcmp(domain, "ExifLoader") == 0)
+        t_exif_short = true;
+}
+
 // The loader's Exif block as the file holds it. exif_loader_get_data would
 // load it with libexif's default options, which change it: tags libexif
 // does not expect in an IFD are dropped (ImageWidth and ImageLength in the
@@ -383,20 +418,28 @@ int32_t image_metadata_from_exif(const char *path, image_metadata *meta)
     struct stat st;
     if (stat(path, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size == 0)
         return -1;
-    ExifMem *mem = exif_mem_new_default();
+    t_exif_short = false;
+    ExifMem *mem = exif_mem_new(exif_alloc, exif_realloc, exif_release);
     if (!mem)
         return -1;
-    ExifLoader *loader = exif_loader_new_mem(mem);
+    ExifLog *log = exif_log_new_mem(mem);
+    ExifLoader *loader = log ? exif_loader_new_mem(mem) : nullptr;
     if (!loader) {
+        exif_log_unref(log);
         exif_mem_unref(mem);
         return -1;
     }
+    exif_log_set_func(log, note_unopened, nullptr);
+    exif_loader_log(loader, log);
     exif_loader_write_file(loader, path);
-    if (ExifData *data = load_as_stored(loader, mem)) {
-        read_fields(data, meta);
+    ExifData *data = t_exif_short ? nullptr : load_as_stored(loader, mem);
+    if (data) {
+        if (!t_exif_short)
+            read_fields(data, meta);
         exif_data_unref(data);
     }
     exif_loader_unref(loader);
+    exif_log_unref(log);
     exif_mem_unref(mem);
-    return 0;
+    return t_exif_short ? -1 : 0;
 }
