@@ -103,7 +103,7 @@ def build_sdist(sdist_directory, config_settings=None):
     base = f"qbimage-{_version()}"
     name = f"{base}.tar.gz"
     members = {"pyproject.toml": (HERE / "pyproject.toml").read_bytes(),
-               "build_backend/qbimage_build.py": Path(__file__).read_bytes(),
+               "pep517/qbimage_build.py": Path(__file__).read_bytes(),
                "include/qbimage.h": _header().read_bytes(),
                "PKG-INFO": _metadata().encode()}
     members.update({k: v for k, v in _files().items() if not k.endswith(".h")})
