@@ -13,6 +13,13 @@
 #include <stdio.h> /* jpeglib.h needs FILE and size_t first */
 #include <jpeglib.h>
 
+/* The library's version. The shared object's SONAME follows the major
+ * number: libqbimage.so.1. */
+#define QBIMAGE_VERSION_MAJOR 1
+#define QBIMAGE_VERSION_MINOR 0
+#define QBIMAGE_VERSION_PATCH 0
+#define QBIMAGE_VERSION "1.0.0"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
