@@ -172,10 +172,11 @@ class _State:
         self.error: BaseException | None = None
 
 
-def _decode_and_scale(n, guard: _Guard, snapshot: bytes, requests, xform: int,
+def _decode_and_scale(n, guard: _Guard, first, second, requests, xform: int,
                       expected_height: int | None):
     """Runs on the guarded thread: header, then image_jpeg_scale per request.
 
+    `first` and `second` are two open handles of the snapshot, closed here.
     Returns the codes, or None if the header's height is not the one the
     check was cut to (the check then has to run again in full).
     """
@@ -186,10 +187,6 @@ def _decode_and_scale(n, guard: _Guard, snapshot: bytes, requests, xform: int,
     err.error_exit = guard.error_exit
     err.output_message = guard.quiet  # warnings of a damaged file: not ours to print
     cinfo = ffi.addressof(cache, "cinfo")
-    first = libc.fopen(snapshot, b"rb")
-    second = ffi.NULL
-    if first == ffi.NULL:
-        raise OSError("the snapshot cannot be opened")
     try:
         lib.jpeg_CreateDecompress(cinfo, 62, ffi.sizeof("struct jpeg_decompress_struct"))
         lib.jpeg_stdio_src(cinfo, first)
@@ -197,33 +194,49 @@ def _decode_and_scale(n, guard: _Guard, snapshot: bytes, requests, xform: int,
         lib.jpeg_read_header(cinfo, 1)
         if expected_height is not None and cinfo.image_height != expected_height:
             return None
-        second = libc.fopen(snapshot, b"rb")  # rewound for a decode at another scale
-        if second == ffi.NULL:
-            raise OSError("the snapshot cannot be opened a second time")
         level = lib.utils_check_hw()
+        # `second` is rewound for a decode at another DCT scale.
         return [lib.image_jpeg_scale(level, cache, second, out, xform, params, ffi.NULL, ffi.NULL)
                 for out, params in requests]
     finally:
         lib.jpeg_destroy_decompress(cinfo)
         lib.image_jpeg_jcache_clean(cache)
         libc.fclose(first)
-        if second != ffi.NULL:
-            libc.fclose(second)
+        libc.fclose(second)
 
 
-def _guarded(n, guard: _Guard, *args):
+def _guarded(n, guard: _Guard, snapshot: bytes, *args) -> _State:
+    """_decode_and_scale on a thread of its own; its record once it is done.
+
+    The snapshot is opened here, on the caller's thread, so that the guarded
+    thread reads the checked bytes even if the caller lets go of the
+    snapshot early (an interrupt while it waits).
+    """
+    ffi, libc = n.ffi, n.libc
+    first = libc.fopen(snapshot, b"rb")
+    second = libc.fopen(snapshot, b"rb")
+    if first == ffi.NULL or second == ffi.NULL:
+        for handle in (first, second):
+            if handle != ffi.NULL:
+                libc.fclose(handle)
+        raise OSError(ffi.errno, os.strerror(ffi.errno))
     state = _State(n)
 
     def body():
         guard.local.state = state
         try:
-            state.result = _decode_and_scale(n, guard, *args)
+            state.result = _decode_and_scale(n, guard, first, second, *args)
         except BaseException as exc:  # handed to the caller
             state.error = exc
         finally:
             state.done.set()
 
-    threading.Thread(target=body, name="qbimage-scale", daemon=True).start()
+    try:
+        threading.Thread(target=body, name="qbimage-scale", daemon=True).start()
+    except BaseException:
+        libc.fclose(first)
+        libc.fclose(second)
+        raise
     state.done.wait()
     return state
 
@@ -286,7 +299,11 @@ def scale(src: PathLike, outputs: Sequence[tuple[int, int, PathLike]],
                 raise ScaleError(f"{text}: not a JPEG the decoder can read: "
                                  f"{code_words('transform', rc)}", -2, text)
             expected = crop_height + 1 if crop_height is not None else None
-            state = _guarded(n, guard, snap.path, requests, int(xform), expected)
+            try:
+                state = _guarded(n, guard, snap.path, requests, int(xform), expected)
+            except OSError as exc:
+                raise ScaleError(f"{text}: its copy cannot be opened: {exc.strerror or exc}",
+                                 -2, text) from exc
             if state.fatal:
                 message = n.ffi.string(state.message).decode(errors="replace")
                 raise ScaleError(f"{text}: libjpeg failed: {message}", -2, text)

@@ -147,13 +147,13 @@ def dng_bytes(orientation: int = 1, preview: bytes | None = None, seed: int = 0)
     camera = [(271, ASCII, "Qbcam"), (272, ASCII, "QB-1"), (274, SHORT, [orientation]),
               (50706, BYTE, [1, 4, 0, 0]), (50708, ASCII, "Qbcam QB-1")]
     if preview:
-        pw, ph = _jpeg_size(preview)
+        pw, ph = jpeg_size(preview)
         ifd0 = picture(False, 8, len(preview), pw, ph) + camera
         return tiff(ifd0, exif, sub=picture(True, sensor_at, len(sensor)), data=bytes(data))
     return tiff(picture(True, sensor_at, len(sensor)) + camera, exif, data=bytes(data))
 
 
-def _jpeg_size(data: bytes) -> tuple[int, int]:
+def jpeg_size(data: bytes) -> tuple[int, int]:
     i = 2
     while True:
         marker, length = data[i + 1], struct.unpack(">H", data[i + 2:i + 4])[0]

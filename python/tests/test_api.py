@@ -193,6 +193,20 @@ def test_scale_guard_without_the_check(files, tmp_path, where, boxes):
     assert state.fatal and n.ffi.string(state.message)
 
 
+def test_scale_checks_in_full_when_the_frame_height_was_misread(files, tmp_path, monkeypatch):
+    seen = []
+    guarded = _scale._guarded
+
+    def spy(n, guard, snapshot, requests, xform, expected):
+        seen.append(expected)
+        return guarded(n, guard, snapshot, requests, xform, expected)
+
+    monkeypatch.setattr(_scale, "frame_size", lambda data: (320, 120))  # really 200 high
+    monkeypatch.setattr(_scale, "_guarded", spy)
+    qbimage.scale(files["plain.jpg"], [(80, 80, tmp_path / "s.jpg")])
+    assert seen == [120, None] and gen.jpeg_size((tmp_path / "s.jpg").read_bytes()) == (80, 50)
+
+
 def test_threads_agree_with_one_thread(files, tmp_path):
     names = ["plain.jpg", "exif.jpg", "alpha.png", "camera.dng"] * 4
     for i, name in enumerate(names[:4]):

@@ -68,7 +68,7 @@ def test_module_from_the_shell(client, tree, tmp_path):
     assert re.search(r"qbimage batch: \d+ done, 0 skipped \(up to date\), 0 failed in ",
                      first.stderr)
     made = outputs(tmp_path / "own")
-    assert made and all(gen._jpeg_size(data) == (64, 48) for data in made.values())
+    assert made and all(gen.jpeg_size(data) == (64, 48) for data in made.values())
 
     shared = batch(src, tmp_path / "shared", "--scheduler", client.scheduler.address)
     assert shared.returncode == 1
