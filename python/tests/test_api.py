@@ -15,7 +15,7 @@ from qbimage import _api, _scale
 
 
 def jpeg_size(path) -> tuple[int, int]:
-    return _scale.frame_size(pathlib.Path(path).read_bytes())
+    return gen.jpeg_size(pathlib.Path(path).read_bytes())
 
 
 def png_size(path) -> tuple[int, int]:
@@ -204,7 +204,7 @@ def test_scale_checks_in_full_when_the_frame_height_was_misread(files, tmp_path,
     monkeypatch.setattr(_scale, "frame_size", lambda data: (320, 120))  # really 200 high
     monkeypatch.setattr(_scale, "_guarded", spy)
     qbimage.scale(files["plain.jpg"], [(80, 80, tmp_path / "s.jpg")])
-    assert seen == [120, None] and gen.jpeg_size((tmp_path / "s.jpg").read_bytes()) == (80, 50)
+    assert seen == [120, None] and jpeg_size(tmp_path / "s.jpg") == (80, 50)
 
 
 def test_threads_agree_with_one_thread(files, tmp_path):
