@@ -22,8 +22,10 @@ bool swaps_sides(uint32_t xform) { return xform == 3 || xform == 4 || xform == 5
 // reads into `coefs` the frame width and height, then by component its
 // sampling, its 64 divisors and every quantised coefficient. Errors longjmp:
 // nothing here has a destructor.
-bool session(FILE *in, FILE *out, uint32_t xform, const image_crop *crop, std::vector<int> *coefs)
+bool session(const char *in, const char *out, uint32_t xform, const image_crop *crop,
+             std::vector<int> *coefs)
 {
+    FILE *fi = std::fopen(in, "rb"), *fo = out ? std::fopen(out, "wb") : nullptr;
     jpeg_decompress_struct dinfo;
     jpeg_compress_struct cinfo;
     image_jpeg_error err;
@@ -31,11 +33,11 @@ bool session(FILE *in, FILE *out, uint32_t xform, const image_crop *crop, std::v
     jpeg_create_decompress(&dinfo);
     jpeg_create_compress(&cinfo);
     volatile bool ok = false;
-    if (in && setjmp(err.jump) == 0) {
-        jpeg_stdio_src(&dinfo, in);
+    if (fi && (fo || !out) && setjmp(err.jump) == 0) {
+        jpeg_stdio_src(&dinfo, fi);
         jpeg_read_header(&dinfo, TRUE);
-        if (out) {
-            jpeg_stdio_dest(&cinfo, out);
+        if (fo) {
+            jpeg_stdio_dest(&cinfo, fo);
             image_transform_coefficients(&dinfo, &cinfo, xform, crop);
         } else {
             jvirt_barray_ptr *arrays = jpeg_read_coefficients(&dinfo);
@@ -56,29 +58,16 @@ bool session(FILE *in, FILE *out, uint32_t xform, const image_crop *crop, std::v
     }
     jpeg_destroy_compress(&cinfo);
     jpeg_destroy_decompress(&dinfo);
+    for (FILE *f : {fi, fo})
+        if (f)
+            std::fclose(f);
     return ok;
 }
 
 std::vector<int> read_coefficients(const std::string &path)  // empty if unreadable
 {
     std::vector<int> c;
-    FILE *f = std::fopen(path.c_str(), "rb");
-    if (!session(f, nullptr, 0, nullptr, &c))
-        c.clear();
-    if (f)
-        std::fclose(f);
-    return c;
-}
-
-bool force_coefficient_route(const std::string &in, const std::string &out, uint32_t xform,
-                             const image_crop *crop)
-{
-    FILE *fi = std::fopen(in.c_str(), "rb"), *fo = std::fopen(out.c_str(), "wb");
-    const bool ok = fo && session(fi, fo, xform, crop, nullptr);
-    for (FILE *f : {fi, fo})
-        if (f)
-            std::fclose(f);
-    return ok;
+    return session(path.c_str(), nullptr, 0, nullptr, &c) ? c : std::vector<int>();
 }
 
 // The system's jpegtran with `args` (no quoting); true if it exited with 0.
@@ -160,7 +149,7 @@ void expect_as_jpegtran(const TempDir &dir, const Source &s, const std::string &
     SCOPED_TRACE("code " + std::to_string(xform) + (crop ? " crop " + crop_text(*crop) : ""));
     const std::string ours = dir.path("ours.jpg"), ref = dir.path("ref.jpg");
     if (s.forced)
-        ASSERT_TRUE(force_coefficient_route(src, ours, xform, crop));
+        ASSERT_TRUE(session(src.c_str(), ours.c_str(), xform, crop, nullptr));
     else
         ASSERT_EQ(image_jpeg_transform(src.c_str(), ours.c_str(), xform, crop, 100), 0);
     const std::vector<int> a = read_coefficients(ours);
