@@ -51,6 +51,7 @@ image_png_rows image_framed_read_photo(image_hw_level level,
     struct jpeg_decompress_struct cinfo;
     std::memset(&cinfo, 0, sizeof cinfo);  // no `mem` until it is created
     image_jpeg_error err;
+    image_scan_budget budget;
     cinfo.err = image_jpeg_error_init(&err);
     // Changed after setjmp and read after a jump: kept out of registers.
     unsigned char **volatile source = nullptr;
@@ -66,6 +67,7 @@ image_png_rows image_framed_read_photo(image_hw_level level,
     } else {
         jpeg_create_decompress(&cinfo);
         jpeg_stdio_src(&cinfo, file);
+        image_scan_budget_arm(&cinfo, &budget, file);
         jpeg_save_markers(&cinfo, JPEG_APP0 + 2, 0xFFFF);
         jpeg_read_header(&cinfo, TRUE);
         // A header that claims more than common/limits.h allows, or far

@@ -40,6 +40,7 @@ int image_overlay_blend(image_rows rows, uint32_t width, uint32_t height,
 
     struct jpeg_decompress_struct dinfo;
     image_jpeg_error err;
+    image_scan_budget budget;
     // Read back after a jump, so they live in memory, not in registers.
     image_rows volatile top = nullptr;
     volatile uint32_t top_height = 0;
@@ -50,6 +51,7 @@ int image_overlay_blend(image_rows rows, uint32_t width, uint32_t height,
     } else {
         jpeg_create_decompress(&dinfo);
         jpeg_stdio_src(&dinfo, f);
+        image_scan_budget_arm(&dinfo, &budget, f);
         jpeg_read_header(&dinfo, TRUE);
         // An overlay larger than the picture is never used; refusing it
         // before the start keeps a progressive one from buffering all its
@@ -80,7 +82,9 @@ int image_overlay_blend(image_rows rows, uint32_t width, uint32_t height,
             const uint32_t y0 = cell_offset(overlay->position / 3, height, oh);
             if (overlay->opacity > 1.0)
                 overlay->opacity = 1.0;
-            if (overlay->opacity < 0.0)
+            // Written so that NaN lands here too: it would otherwise reach
+            // a conversion to a byte, which is undefined for NaN.
+            if (!(overlay->opacity >= 0.0))
                 overlay->opacity = 0.0;
             const double opacity = overlay->opacity;
             const auto comps = uint32_t(components);

@@ -152,7 +152,7 @@ image_png_rows _read_png_to_rgba(const char *path, png_uint_32 *width,
         // nor perhaps the rows, so it is refused rather than read. So is a
         // header that claims more pixels than common/limits.h allows: a few
         // bytes of IHDR must not buy gigabytes of rows.
-        const bool fits = image_source_size_ok(*width, *height) &&
+        const bool fits = image_source_size_ok(*width, *height, image_file_bytes(file)) &&
                           png_get_bit_depth(png, info) == 8 &&
                           png_get_channels(png, info) == (transparent ? 4 : 3) &&
                           png_get_rowbytes(png, info) <= size_t(*width) * 4;

@@ -207,8 +207,9 @@ int32_t preview_from_handle(libraw_data_t *raw, const char *raw_path,
     // demosaicing padding.
     const uint64_t pixels = uint64_t(raw->sizes.raw_width) * raw->sizes.raw_height;
     struct stat st;
-    if (!image_source_size_ok(raw->sizes.raw_width, raw->sizes.raw_height) ||
-        stat(raw_path, &st) != 0 || pixels > uint64_t(st.st_size) * 8)
+    if (stat(raw_path, &st) != 0 ||
+        !image_source_size_ok(raw->sizes.raw_width, raw->sizes.raw_height) ||
+        pixels > uint64_t(st.st_size) * 8)
         return IMAGE_RAW_FAILED;
 
     // Codes under 2 leave the decode as stored: 1, the horizontal mirror,

@@ -118,6 +118,7 @@ int32_t transform_session(FILE *input, FILE *output, uint32_t xform,
     jpeg_compress_struct cinfo;
     image_jpeg_error derr;
     image_jpeg_error cerr;
+    image_scan_budget budget;
     image_transform_buffers bufs;
     volatile int32_t result = IMAGE_TRANSFORM_OK;
     volatile int have_encoder = 0;
@@ -134,6 +135,7 @@ int32_t transform_session(FILE *input, FILE *output, uint32_t xform,
     if (setjmp(derr.jump) == 0) {
         jpeg_create_decompress(&dinfo);
         jpeg_stdio_src(&dinfo, input);
+        image_scan_budget_arm(&dinfo, &budget, input);
         cinfo.err = image_jpeg_error_init(&cerr);
         if (setjmp(cerr.jump) == 0) {
             jpeg_create_compress(&cinfo);
