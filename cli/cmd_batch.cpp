@@ -220,6 +220,11 @@ public:
         const double rate = elapsed > 0 ? double(finished) / elapsed : 0.0;
         const std::string counts = std::to_string(finished) + "/" + std::to_string(total_);
         if (tty_) {
+            // At most ten redraws a second, and always the last.
+            const Clock::time_point now = Clock::now();
+            if (drawn_ && finished < total_ && now - last_draw_ < std::chrono::milliseconds(100))
+                return;
+            last_draw_ = now;
             constexpr size_t kWidth = 30;
             const size_t filled = finished * kWidth / total_;
             std::string line = "\r\033[K[" + std::string(filled, '#') +
@@ -258,6 +263,7 @@ private:
     bool quiet_;
     bool tty_;
     Clock::time_point start_;
+    Clock::time_point last_draw_{};
     size_t last_tenth_ = 0;
     bool drawn_ = false;
 };

@@ -406,3 +406,16 @@ def test_batch_copes_with_an_unwritable_destination(tree, tmp_path):
     proc = run("batch", tree, dst, check=1)
     assert "failed:" in proc.stderr and "sub/p.png" in proc.stderr
     shutil.rmtree(dst, ignore_errors=True)
+
+
+def test_readme_documents_the_keys():
+    """The key table of the README (or of its section still in cli/) is the
+    tool's table."""
+    keys = [k["key"] for k in json.loads(run("meta", "--list-keys", "--json", check=0).stdout)]
+    for doc in (SOURCE_ROOT / "README.md", SOURCE_ROOT / "cli" / "README-section.md"):
+        text = doc.read_text() if doc.exists() else ""
+        if "JSON keys of `qbimage meta --json`" in text:
+            table = text.split("JSON keys of `qbimage meta --json`", 1)[1].split("\n## ", 1)[0]
+            assert re.findall(r"^\| `([a-z_]+)` \|", table, re.M) == keys
+            return
+    pytest.skip("no README holds the key table")
