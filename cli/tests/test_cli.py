@@ -141,7 +141,7 @@ FAILURES = [
     ("thumb-over-input", ["thumb", "{d}/plain.jpg", "{d}/plain.jpg"], 1, ["input file itself"]),
     ("scale-bad-mode", ["scale", "{d}/plain.jpg", "--mode", "9", "8x8:{o}/s.jpg"], 2, ["--mode"]),
     ("scale-no-mode", ["scale", "{d}/plain.jpg", "8x8:{o}/s.jpg"], 2, ["--mode"]),
-    ("scale-bad-spec", ["scale", "{d}/plain.jpg", "--mode", "4", "{o}/s.jpg"], 2, ["WxH:OUT"]),
+    ("scale-bad-target", ["scale", "{d}/plain.jpg", "--mode", "4", "{o}/s.jpg"], 2, ["WxH:OUT"]),
     ("scale-empty-box", ["scale", "{d}/plain.jpg", "--mode", "4", "0x8:{o}/s.jpg"], 1,
      ["0x8", "cannot be produced", "library code -2"]),
     ("scale-not-jpeg", ["scale", "{d}/frame.png", "--mode", "4", "8x8:{o}/s.jpg"], 1,
