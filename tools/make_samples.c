@@ -1,20 +1,17 @@
 /*
- * qbimage-demo: makes a few sample photos (a landscape, a portrait, a
- * panorama and a grey picture) and turns each into a 128 x 128 thumbnail
- * with easy_image_create_thumb; makes a half-transparent PNG and asks for
- * its thumbnail over a blue background; and lays the landscape under a
- * generated PNG frame with image_create_framed_image.
- * Usage: qbimage-demo [directory]
+ * qbimage-samples: writes the sample photos of the README's demo into a
+ * folder: a landscape, a portrait, a panorama and a grey picture as JPEG,
+ * a half-transparent PNG, and a PNG frame with a clear window.
+ * Usage: qbimage-samples [directory]   (default demo-out/photos)
  */
 #include <setjmp.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <png.h>
 
-#include "qbimage.h"
+#include <jpeglib.h>
 
 static int write_sample(const char *path, int width, int height, int grey)
 {
@@ -126,23 +123,9 @@ static int write_png_sample(const char *path, int width, int height, int frame)
     return fclose(f) == 0 ? 0 : -1;
 }
 
-/* The host's logger: the library's error lines go to stderr. */
-static void demo_log(int32_t level, void *user, int32_t code, const char *file,
-                     int32_t line, const char *format, ...)
-{
-    va_list ap;
-    (void)level;
-    (void)user;
-    fprintf(stderr, "qbimage %s:%d (code %d): ", file, (int)line, (int)code);
-    va_start(ap, format);
-    vfprintf(stderr, format, ap);
-    va_end(ap);
-    fputc('\n', stderr);
-}
-
 int main(int argc, char **argv)
 {
-    const char *dir = argc > 1 ? argv[1] : "demo-out";
+    const char *dir = argc > 1 ? argv[1] : "demo-out/photos";
     static const struct {
         const char *name;
         int width, height, grey;
@@ -152,54 +135,31 @@ int main(int argc, char **argv)
         {"panorama", 6000, 400, 0},
         {"grey", 800, 600, 1},
     };
-    char src[4096], dst[4096];
-    int failures = 0;
+    char path[4096];
 
-    if (snprintf(src, sizeof src, "mkdir -p '%s'", dir) >= (int)sizeof src ||
-        system(src) != 0) {
+    if (snprintf(path, sizeof path, "mkdir -p '%s'", dir) >= (int)sizeof path ||
+        system(path) != 0) {
         fprintf(stderr, "cannot create %s\n", dir);
         return 1;
     }
     for (size_t i = 0; i < sizeof samples / sizeof samples[0]; ++i) {
-        snprintf(src, sizeof src, "%s/%s.jpg", dir, samples[i].name);
-        snprintf(dst, sizeof dst, "%s/%s.thumb.jpg", dir, samples[i].name);
-        if (write_sample(src, samples[i].width, samples[i].height, samples[i].grey) != 0) {
-            fprintf(stderr, "cannot write %s\n", src);
+        snprintf(path, sizeof path, "%s/%s.jpg", dir, samples[i].name);
+        if (write_sample(path, samples[i].width, samples[i].height, samples[i].grey) != 0) {
+            fprintf(stderr, "cannot write %s\n", path);
             return 1;
         }
-        int rc = easy_image_create_thumb(src, dst, 128, 128, 85, 0xFFFFFF);
-        printf("%-10s %5d x %-5d -> %s (rc=%d)\n", samples[i].name, samples[i].width,
-               samples[i].height, dst, rc);
-        failures += rc != 0;
     }
-
-    /* A PNG with transparency, thumbnailed over blue: the background shows
-     * where the picture is clear, and the thumbnail is a JPEG all the same. */
-    snprintf(src, sizeof src, "%s/badge.png", dir);
-    snprintf(dst, sizeof dst, "%s/badge.thumb.jpg", dir);
-    if (write_png_sample(src, 640, 480, 0) != 0) {
-        fprintf(stderr, "cannot write %s\n", src);
+    /* A PNG with transparency (its thumbnail shows the background colour
+     * where it is clear), and a frame with a clear window. */
+    snprintf(path, sizeof path, "%s/badge.png", dir);
+    if (write_png_sample(path, 640, 480, 0) != 0) {
+        fprintf(stderr, "cannot write %s\n", path);
         return 1;
     }
-    int rc = easy_image_create_thumb(src, dst, 128, 128, 85, 0x2060A0);
-    printf("%-10s %5d x %-5d -> %s (rc=%d)\n", "badge.png", 640, 480, dst, rc);
-    failures += rc != 0;
-
-    /* The landscape under a 480 x 360 frame, in its 400 x 280 window: scaled
-     * by the widths (4000 to 400) and cut off at the window's bottom. */
-    char frame[4096], photo[4096];
-    snprintf(frame, sizeof frame, "%s/frame.png", dir);
-    snprintf(photo, sizeof photo, "%s/landscape.jpg", dir);
-    snprintf(dst, sizeof dst, "%s/landscape.framed.png", dir);
-    if (write_png_sample(frame, 480, 360, 1) != 0) {
-        fprintf(stderr, "cannot write %s\n", frame);
+    snprintf(path, sizeof path, "%s/frame.png", dir);
+    if (write_png_sample(path, 480, 360, 1) != 0) {
+        fprintf(stderr, "cannot write %s\n", path);
         return 1;
     }
-    image_ctx ctx = {NULL, NULL, NULL, demo_log, 1, 2, 3, 4};
-    rc = image_create_framed_image(&ctx, frame, photo, dst, 40, 40, 400, 280);
-    printf("%-10s %5d x %-5d -> %s (rc=%d)\n", "framed", 480, 360, dst, rc);
-    failures += rc != 0;
-
-    printf("hardware level %d\n", (int)utils_check_hw());
-    return failures ? 1 : 0;
+    return 0;
 }
