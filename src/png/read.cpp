@@ -86,6 +86,10 @@ image_png_rows _read_png_to_rgba(const char *path, png_uint_32 *width,
     FILE *file = image_open_input(path);
     if (!file)
         return nullptr;
+    constexpr png_alloc_size_t kChunkLimit = 1u << 20;
+    static constexpr png_byte kUnused[] =
+        "tEXt\0zTXt\0iTXt\0eXIf\0tIME\0pHYs\0oFFs\0pCAL\0sCAL\0sPLT\0hIST\0bKGD\0sBIT";
+    static_assert(sizeof kUnused == 13 * 5);
     png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr,
                                              image_png_silent_error,
                                              image_png_silent_warning);
@@ -111,6 +115,16 @@ image_png_rows _read_png_to_rgba(const char *path, png_uint_32 *width,
         read = nullptr;
     } else {
         png_init_io(png, file);
+        // Only the chunks that shape the pixels are read (IHDR, PLTE, tRNS,
+        // gAMA and the colour-space chunks that may stand in for gAMA);
+        // the rest are passed over unread. libpng reports an oversized
+        // ancillary chunk as a mere warning and would then allocate what it
+        // claims (a 70-byte file can claim a zTXt of a gigabyte). One
+        // megabyte bounds what the chunks read may decompress to.
+        png_set_keep_unknown_chunks(png, PNG_HANDLE_CHUNK_NEVER, nullptr, 0);
+        png_set_keep_unknown_chunks(png, PNG_HANDLE_CHUNK_NEVER, kUnused,
+                                    int(sizeof kUnused / 5));
+        png_set_chunk_malloc_max(png, kChunkLimit);
         png_read_info(png, info);
         int bit_depth = 0, color_type = 0;
         png_get_IHDR(png, info, width, height, &bit_depth, &color_type,
