@@ -104,10 +104,19 @@ for t in $targets; do
     for a in "$dir"/artifacts/crash-* "$dir"/artifacts/leak-* "$dir"/artifacts/timeout-* \
              "$dir"/artifacts/oom-*; do
         [ -f "$a" ] || continue
-        mkdir -p "$regressions/$t"
-        cp "$a" "$regressions/$t/"
-        notes="$notes FOUND $(basename "$a") -> tests/fuzz-regressions/$t/;"
         found=1
+        # An input already kept (under any name) still fails: not copied again.
+        known=
+        for r in "$regressions/$t"/*; do
+            [ -f "$r" ] && cmp -s "$a" "$r" && known=$r && break
+        done
+        if [ -n "$known" ]; then
+            notes="$notes STILL FAILS tests/fuzz-regressions/$t/$(basename "$known");"
+        else
+            mkdir -p "$regressions/$t"
+            cp "$a" "$regressions/$t/"
+            notes="$notes NEW $(basename "$a") -> tests/fuzz-regressions/$t/;"
+        fi
     done
     if [ "$rc" -ne 0 ] || [ "$found" -ne 0 ]; then
         failed=1
