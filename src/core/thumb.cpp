@@ -75,7 +75,9 @@ int32_t image_thumb_from_jpeg(const image_ctx *ctx, const char *path,
         result = IMAGE_RC_FAILED;
     } else {
         jpeg_create_decompress(&cache.cinfo);
-        jpeg_stdio_src(&cache.cinfo, first);
+        // Our own source: a progressive file decoded at a small scale skips
+        // the scans that cannot change the picture.
+        image_scan_source(&cache.cinfo, first);
         // ICC profiles live in APP2; the cache looks for an Adobe RGB one.
         jpeg_save_markers(&cache.cinfo, JPEG_APP0 + 2, 0xFFFF);
         jpeg_read_header(&cache.cinfo, TRUE);

@@ -55,7 +55,7 @@ int image_jcache_decode(image_jcache *cache, FILE *stream, uint32_t scale_num,
         image_jpeg_jcache_clean(cache);
         jpeg_finish_decompress(cinfo);
         fseeko64(stream, 0, SEEK_SET);
-        jpeg_stdio_src(cinfo, stream);
+        image_scan_source(cinfo, stream);
         jpeg_read_header(cinfo, TRUE);
     }
     cache->scale_num = scale_num;
@@ -67,6 +67,8 @@ int image_jcache_decode(image_jcache *cache, FILE *stream, uint32_t scale_num,
     cinfo->dither_mode = JDITHER_FS;
     cinfo->dct_method = JDCT_FLOAT;
     cinfo->do_fancy_upsampling = TRUE;
+    // Our own source leaves out the scans this scale cannot use.
+    image_scan_source_arm(cinfo);
     jpeg_start_decompress(cinfo);
 
     cache->width = cinfo->output_width;
@@ -82,7 +84,7 @@ int image_jcache_decode(image_jcache *cache, FILE *stream, uint32_t scale_num,
         cache->width = cache->height = 0;
         cache->components = 0;
         fseeko64(stream, 0, SEEK_SET);
-        jpeg_stdio_src(cinfo, stream);
+        image_scan_source(cinfo, stream);
         jpeg_read_header(cinfo, TRUE);
         return -1;
     }

@@ -40,6 +40,17 @@ int32_t image_plan_crop(int32_t source, int32_t target,
 int image_jpeg_is_adobe_rgb(j_decompress_ptr cinfo);
 int image_jcache_decode(image_jcache *cache, FILE *stream, uint32_t scale_num,
                         uint32_t scale_denom);
+// A libjpeg source reading `file` from where it stands, as jpeg_stdio_src
+// does, that leaves out the scans of a progressive file which the DCT scale
+// makes irrelevant; the output is byte for byte that of the whole file.
+// image_scan_source_arm, between setting the decompression parameters and
+// jpeg_start_decompress, decides for this decode (and may turn block
+// smoothing off, where libjpeg would not smooth anyway); it does nothing
+// for a source of another kind. Until armed, every byte passes.
+void image_scan_source(j_decompress_ptr cinfo, FILE *file);
+void image_scan_source_arm(j_decompress_ptr cinfo);
+// Scans left out so far in this decode (0 for another kind of source).
+uint32_t image_scan_source_dropped(j_decompress_ptr cinfo);
 int image_jpeg_encode(FILE *stream, uint32_t width, uint32_t height,
                       int32_t quality, int32_t full_chroma, int32_t components,
                       J_COLOR_SPACE color_space, int stamp, uint32_t orientation,
