@@ -7,7 +7,7 @@
 // the AC coefficients of a component in bands, one scan per band (and per
 // refinement of it); a band that starts past the last zigzag position the
 // component's inverse DCT reads cannot change an output byte, yet decoding
-// it is most of the work: at 1/8 the luma AC scans are some 80% of a photo.
+// it is most of the work: the luma AC scans are some 85% of a photo.
 //
 // Leaving a scan out must never change an output byte, so before the decode
 // starts the filter walks the whole file once (markers and scan boundaries
@@ -21,7 +21,8 @@
 //     files whose coefficients 1..9 are not all complete, such as truncated
 //     ones; it estimates coefficients from neighbouring blocks, so with
 //     scans missing it would produce other pictures). Armed, the decode runs
-//     with smoothing off, which on such a file is what libjpeg does anyway.
+//     with smoothing off, which for a file that passes this test changes
+//     nothing.
 // Baseline files, arithmetic coding and scales where every coefficient
 // counts pass through untouched.
 #include <cstring>
