@@ -127,13 +127,13 @@ Bytes special_jpeg(int width, int height, int components, bool arithmetic, bool 
 
 // ---- PNG ----
 
-struct PngSpec {
+struct PngPicture {
     int width, height, color_type, bit_depth;
     bool interlace = false, trns = false, gamma = false;
 };
 
 // Frame of the libpng calls: plain data only, for libpng's longjmp.
-bool encode_png(FILE *f, const PngSpec &s, png_bytepp rows)
+bool encode_png(FILE *f, const PngPicture &s, png_bytepp rows)
 {
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
     if (!png)
@@ -171,7 +171,7 @@ bool encode_png(FILE *f, const PngSpec &s, png_bytepp rows)
     return true;
 }
 
-Bytes make_png(const PngSpec &s)
+Bytes make_png(const PngPicture &s)
 {
     const int channels = s.color_type == PNG_COLOR_TYPE_RGB         ? 3
                          : s.color_type == PNG_COLOR_TYPE_RGB_ALPHA  ? 4
@@ -462,7 +462,7 @@ int main(int argc, char **argv)
     // ---- PNG files ----
     struct NamedPng {
         const char *name;
-        PngSpec spec;
+        PngPicture pic;
     };
     const NamedPng pngs[] = {
         {"rgb8_32x24.png", {32, 24, PNG_COLOR_TYPE_RGB, 8}},
@@ -480,7 +480,7 @@ int main(int argc, char **argv)
         {"rgb8_300x200.png", {300, 200, PNG_COLOR_TYPE_RGB, 8}},
     };
     for (const NamedPng &p : pngs) {
-        const Bytes data = make_png(p.spec);
+        const Bytes data = make_png(p.pic);
         seed("thumb_png", p.name, data);
         seed("png_read", p.name, data);
     }
@@ -488,7 +488,7 @@ int main(int argc, char **argv)
     // ---- framed: a frame, a box in it and a photo ----
     struct FramedRow {
         const char *name;
-        PngSpec frame;
+        PngPicture frame;
         uint16_t x, y, width, height;
         const char *photo;
     };
