@@ -69,6 +69,12 @@ int image_jcache_decode(image_jcache *cache, FILE *stream, uint32_t scale_num,
     cinfo->do_fancy_upsampling = TRUE;
     // Our own source leaves out the scans this scale cannot use.
     image_scan_source_arm(cinfo);
+    // The decode is bounded in scans; the host's own monitor, if any, is
+    // put back before returning (a fatal error leaves through the host's
+    // jump target, whose teardown only destroys the decompressor).
+    image_scan_budget budget;
+    jpeg_progress_mgr *const host_progress = cinfo->progress;
+    image_scan_budget_arm(cinfo, &budget, stream);
     jpeg_start_decompress(cinfo);
 
     cache->width = cinfo->output_width;
@@ -84,6 +90,7 @@ int image_jcache_decode(image_jcache *cache, FILE *stream, uint32_t scale_num,
         cache->width = cache->height = 0;
         cache->components = 0;
         fseeko64(stream, 0, SEEK_SET);
+        cinfo->progress = host_progress;
         image_scan_source(cinfo, stream);
         jpeg_read_header(cinfo, TRUE);
         return -1;
@@ -91,5 +98,6 @@ int image_jcache_decode(image_jcache *cache, FILE *stream, uint32_t scale_num,
     while (cinfo->output_scanline < cinfo->output_height)
         jpeg_read_scanlines(cinfo, cache->rows + cinfo->output_scanline,
                             cinfo->output_height - cinfo->output_scanline);
+    cinfo->progress = host_progress;
     return 0;
 }
