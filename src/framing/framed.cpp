@@ -31,9 +31,9 @@ void image_framed_to_rgb(const image_rows target, image_png_rows rgb,
 
 }  // namespace
 
-// The Part sets the decoder up with jpeg_std_error alone, so a fatal
-// libjpeg error on a damaged photo would end in libjpeg's exit(). Here the
-// decoder has its own image_jpeg_error and jump target: such a photo gives
+// With jpeg_std_error alone, a fatal libjpeg error on a damaged photo
+// would end in libjpeg's exit(). So the decoder has its own
+// image_jpeg_error and jump target: such a photo gives
 // null (so -2), with everything released. The frame holds that jump
 // target, so it keeps no object with a destructor.
 image_png_rows image_framed_read_photo(image_hw_level level,

@@ -5,8 +5,8 @@
 // so the function that holds the jump target keeps its frame plain (no
 // objects with destructors) and does its own teardown behind it.
 //
-// About the version string. The Part names "1.2.50", the libpng interface
-// it was written against. libpng 1.6, which this library builds with,
+// About the version string. The reader was designed against the libpng 1.2
+// interface ("1.2.50"). libpng 1.6, which this library builds with,
 // refuses a version string of another x.y series in png_create_read_struct
 // and png_create_write_struct (they return null), because that string is a
 // promise about the header the caller was compiled with. So both pass the
@@ -16,7 +16,7 @@
 // png_set_tRNS_to_alpha, png_read_update_info, png_read_image, and on the
 // writing side png_set_IHDR, png_write_info, png_write_image, png_write_end)
 // is part of the 1.2 interface and keeps its 1.2 meaning in 1.6, and the
-// order of calls is the Part's.
+// order of calls is the one that interface prescribes.
 //
 // About the error callbacks. libpng's default handlers print "libpng
 // error: ..." and "libpng warning: ..." on stderr. The library prints

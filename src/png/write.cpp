@@ -1,8 +1,8 @@
 // The PNG writer: RGBA rows to an 8-bit RGBA PNG file. The version string
 // and the silent handlers are explained in read.cpp.
 //
-// The Part sets no jump target here; one is needed all the same, since a
-// libpng error (a failed write: "Write Error" on a full disk) with no jump
+// The writer needs a jump target of its own even though nothing here
+// recovers from much: a libpng error (a failed write: "Write Error" on a full disk) with no jump
 // target set aborts the process in libpng 1.6. A jump gives -1 with the
 // file closed. Small files may fail only when stdio flushes its buffer, so
 // the stream's error flag and fclose are checked too.
