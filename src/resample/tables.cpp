@@ -8,6 +8,7 @@
 // output, so every entry below is pinned exactly.
 #include <cmath>
 #include <cstdint>
+#include <limits>
 
 #include "resample/resample.h"
 
@@ -400,7 +401,10 @@ constexpr bool fixed_matrix_truncates_float() {
 static_assert(matrix_decimals_exact());
 static_assert(fixed_matrix_truncates_float());
 
-uint8_t image_linear_to_byte(double x) {
+namespace {
+
+// The encoder by its definition: the curve, then the rounding.
+uint8_t linear_to_byte_by_curve(double x) {
     double y;
     if (x <= 0.0031308)
         y = (12.92 * x) * 255.0;
@@ -413,6 +417,111 @@ uint8_t image_linear_to_byte(double x) {
     if (!(y > -0.5)) return 0;
     if (y >= 255.5) return 255;
     return static_cast<uint8_t>(std::lround(y));
+}
+
+// The byte the curve gives never decreases with the light (the toe ends on
+// byte 10 and the power branch starts on it), so it is the number of
+// bounds at or below the light, where bound b is the light at which the
+// curve reaches b - 0.5. The bounds below are close to those points, not
+// exact (pow cannot run in a constant expression); light within
+// kBoundWindow of a bound, relatively, goes through the curve itself, so
+// every byte is the curve's. The bounds are good to about 1e-15 and the
+// window is 2^-24 wide: far more than both errors, and so narrow that the
+// curve is almost never called.
+
+// v^(1/5) for v in (0, 1]: Newton's method from 1, which approaches the
+// root from above and stops when it no longer moves down.
+constexpr double fifth_root(double v) {
+    double r = 1.0;
+    for (int i = 0; i < 200; ++i) {
+        const double r4 = (r * r) * (r * r);
+        const double next = r - (r4 * r - v) / (5.0 * r4);
+        if (!(next < r)) break;
+        r = next;
+    }
+    return r;
+}
+
+constexpr double bound_of(int b) {
+    if (b <= 0) return -std::numeric_limits<double>::infinity();
+    if (b > 255) return std::numeric_limits<double>::infinity();
+    const double y = b - 0.5;
+    // The toe reaches 10.3 at its end: bytes 1 to 10 start on it.
+    if (b <= 10) return y / (12.92 * 255.0);
+    // 1.035 x^(1/2.2) - 0.035 = y / 255, so x = u^2.2 = u^2 u^(1/5).
+    const double u = (y / 255.0 + 0.035) / 1.035;
+    return (u * u) * fifth_root(u);
+}
+
+constexpr double kBoundWindow = 1.0 / 16777216.0;
+
+// Bounds of bytes 0 .. 257; 0 is -inf, 256 and 257 are +inf.
+struct bounds_table {
+    double v[258];
+};
+constexpr bounds_table make_bounds() {
+    bounds_table t{};
+    for (int b = 0; b < 258; ++b) t.v[b] = bound_of(b);
+    return t;
+}
+constexpr bounds_table kBounds = make_bounds();
+
+constexpr bool bounds_increase() {
+    for (int b = 1; b <= 256; ++b)
+        if (!(kBounds.v[b] > kBounds.v[b - 1] * (1.0 + 4 * kBoundWindow)))
+            return false;
+    return true;
+}
+static_assert(bounds_increase());
+// Bytes 10 and 11 start on either side of the toe's end, and every light
+// from 1 up encodes to 255.
+static_assert(kBounds.v[10] < 0.0031308 && kBounds.v[11] > 0.0031308);
+static_assert(kBounds.v[255] < 1.0);
+
+// Light in [0, 1) cut into 4096 buckets (x * 4096 is exact): the byte at
+// the start of each. No bucket holds more than two bounds, so two
+// comparisons finish the count.
+constexpr int kBuckets = 4096;
+struct bucket_table {
+    uint8_t v[kBuckets];
+};
+constexpr bucket_table make_buckets() {
+    bucket_table t{};
+    int b = 0;
+    for (int k = 0; k < kBuckets; ++k) {
+        const double start = static_cast<double>(k) / kBuckets;
+        while (kBounds.v[b + 1] <= start) ++b;
+        t.v[k] = static_cast<uint8_t>(b);
+    }
+    return t;
+}
+constexpr bucket_table kBucketStart = make_buckets();
+
+constexpr bool buckets_hold_two_bounds() {
+    for (int k = 0; k < kBuckets; ++k) {
+        const int b = kBucketStart.v[k];
+        const double end = static_cast<double>(k + 1) / kBuckets;
+        if (b + 3 < 258 && kBounds.v[b + 3] < end) return false;
+    }
+    return true;
+}
+static_assert(buckets_hold_two_bounds());
+
+}  // namespace
+
+uint8_t image_linear_to_byte(double x) {
+    // No light, negative light and NaN (a total weight of zero) encode to
+    // 0 through the curve; light from 1 up to 255.
+    if (!(x > 0.0)) return 0;
+    if (x >= 1.0) return 255;
+    const int first = kBucketStart.v[static_cast<int>(x * kBuckets)];
+    const int b = first + static_cast<int>(x >= kBounds.v[first + 1]) +
+                  static_cast<int>(x >= kBounds.v[first + 2]);
+    const double below = kBounds.v[b];
+    const double above = kBounds.v[b + 1];
+    if (x - below < below * kBoundWindow || above - x < above * kBoundWindow)
+        return linear_to_byte_by_curve(x);
+    return static_cast<uint8_t>(b);
 }
 
 uint8_t image_fixed_to_byte(int32_t v) {
