@@ -156,26 +156,6 @@ TEST(Rows, StoreLayout)
     EXPECT_EQ(image_rows_alloc(10, UINT32_MAX - 10, 1), nullptr);
 }
 
-// 4000x3000 into 600x331 (mode 4) decodes at 1/4 to 1000 columns and takes
-// 441 at 750/331: the last window [996.98, 999.25) holds column W = 999 at
-// weight 0.245, light 0.108 that encodes to 87 (black without it).
-TEST(Driver, LastColumnOfAPlanTakesColumnW)
-{
-    const image_scale_params p = params(IMAGE_SCALE_FIT_BOX, 600, 331, 85);
-    const image_scale_plan plan = image_scale_plan_for_size(4000, 3000, &p, 0, 0);
-    ASSERT_TRUE(plan.scale_denom == 4 && plan.width == 441);
-    image_rows src = image_rows_alloc(1000, 8, 3), dst = image_rows_alloc(441, 2, 3);
-    for (uint32_t y = 0; y < 8; ++y)
-        std::memset(src[y] + 999 * 3, 255, 3);
-    for (const int32_t level : {1, 2, 3}) {
-        plan.resampler(level, src, dst, 0, 0, 1000, plan.ratio, 8, 441, 2, 3, 0);
-        EXPECT_NEAR(dst[0][440 * 3], 87, 1) << "level " << level;
-        EXPECT_EQ(dst[0][439 * 3], 0);
-    }
-    image_rows_free(src, 8, 1);
-    image_rows_free(dst, 2, 1);
-}
-
 // Black pictures through the driver. Padded: a white border centred with the
 // odd line on top or left (the last row writes to stdout). Under a white
 // 31x31 overlay: at its grid cell (the middle one rounded down) with the
