@@ -5,6 +5,11 @@
 // alike; one warm-up call of each goes first.
 //
 //   qbbench-inproc thumb IN.jpg OUT.jpg RUNS [SIZE]
+//   qbbench-inproc peak floor|ours IN.jpg OUT.jpg
+//
+// The second makes one call of either and prints the process's peak
+// resident set in KiB: both load the same libraries, so the difference is
+// what the call itself holds at its peak.
 //
 // Prints one JSON object: the wall-clock and the CPU milliseconds of every
 // call of each, in call order, for the driver to take medians and ratios of
@@ -16,6 +21,7 @@
 #include <cstring>
 #include <vector>
 
+#include <sys/resource.h>
 #include <time.h>
 
 #include "qbimage.h"
@@ -82,8 +88,20 @@ void print_list(const char *name, const std::vector<double> &v, bool last)
 
 int main(int argc, char **argv)
 {
+    if (argc == 5 && std::strcmp(argv[1], "peak") == 0) {
+        const bool floor_call = std::strcmp(argv[2], "floor") == 0;
+        if (!(floor_call ? floor_decode(argv[3]) : ours(argv[3], argv[4], 128)))
+            return 1;
+        rusage ru{};
+        getrusage(RUSAGE_SELF, &ru);
+        std::printf("%ld\n", ru.ru_maxrss);
+        return 0;
+    }
     if (argc < 5 || std::strcmp(argv[1], "thumb") != 0) {
-        std::fprintf(stderr, "usage: %s thumb IN.jpg OUT.jpg RUNS [SIZE]\n", argv[0]);
+        std::fprintf(stderr,
+                     "usage: %s thumb IN.jpg OUT.jpg RUNS [SIZE]\n"
+                     "       %s peak floor|ours IN.jpg OUT.jpg\n",
+                     argv[0], argv[0]);
         return 2;
     }
     const char *in = argv[2];

@@ -351,6 +351,20 @@ def print_group(group):
 # The comparisons
 
 
+def size_words(path):
+    """'6000x4000 (24 MP)' for a JPEG or PNG."""
+    if path.endswith(".png"):
+        with open(path, "rb") as f:
+            head = f.read(24)
+        dims = (int.from_bytes(head[16:20], "big"), int.from_bytes(head[20:24], "big"))
+    else:
+        dims = jpeg_size(path)
+    if not dims:
+        return os.path.basename(path)
+    mp = dims[0] * dims[1] / 1e6
+    return "%dx%d (%s MP)" % (dims[0], dims[1], ("%.0f" % mp) if mp >= 1 else ("%.2f" % mp))
+
+
 def groups_for(t, paths, tree, files, work, quick):
     out = os.path.join(work, "out")
     os.makedirs(out, exist_ok=True)
@@ -392,12 +406,12 @@ def groups_for(t, paths, tree, files, work, quick):
                                        "-thumbnail", "128x128", o(key + "-im.jpg")]))
         return g
 
-    groups.append(thumb_group("thumb_24mp", "Thumbnail 128x128 of the 24-megapixel baseline JPEG",
-                              paths["24mp"]))
-    groups.append(thumb_group("thumb_12mp", "Thumbnail 128x128 of the 12-megapixel baseline JPEG",
-                              paths["12mp"]))
-    groups.append(thumb_group("thumb_progressive",
-                              "Thumbnail 128x128 of the 24-megapixel progressive JPEG",
+    groups.append(thumb_group("thumb_24mp", "Thumbnail 128x128 of the %s baseline JPEG"
+                              % size_words(paths["24mp"]), paths["24mp"]))
+    groups.append(thumb_group("thumb_12mp", "Thumbnail 128x128 of the %s baseline JPEG"
+                              % size_words(paths["12mp"]), paths["12mp"]))
+    groups.append(thumb_group("thumb_progressive", "Thumbnail 128x128 of the %s progressive JPEG"
+                              % size_words(paths["24mp_progressive"]),
                               paths["24mp_progressive"]))
     if not quick:
         # Fixed costs of a process: a 64x48 photo, where decoding is nothing.
@@ -417,7 +431,8 @@ def groups_for(t, paths, tree, files, work, quick):
     # Three sizes of one photo.
     src = paths["24mp"]
     sizes = (128, 320, 1280)
-    g = {"key": "three_sizes", "title": "Three sizes (128, 320, 1280) of the 24-megapixel JPEG",
+    g = {"key": "three_sizes", "title": "Three sizes (128, 320, 1280) of the %s JPEG"
+         % size_words(src),
          "entries": []}
     if need(g, "djpeg", "djpeg floor"):
         # A tool that shares one decode per DCT scale needs at least the 1/8
@@ -452,7 +467,8 @@ def groups_for(t, paths, tree, files, work, quick):
 
     # PNG.
     src = paths["12mp_png"]
-    g = {"key": "thumb_png", "title": "Thumbnail 128x128 of the 12-megapixel PNG", "entries": []}
+    g = {"key": "thumb_png", "title": "Thumbnail 128x128 of the %s PNG" % size_words(src),
+         "entries": []}
     if need(g, "gen", "PNG decode floor"):
         g["entries"].append(Entry("libpng full decode (floor)", [t["gen"], "decode-png", src],
                                   role="floor"))
@@ -473,7 +489,7 @@ def groups_for(t, paths, tree, files, work, quick):
 
     # Lossless quarter turn.
     src = paths["24mp"]
-    g = {"key": "turn", "title": "Lossless 90-degree turn of the 24-megapixel JPEG",
+    g = {"key": "turn", "title": "Lossless 90-degree turn of the %s JPEG" % size_words(src),
          "entries": []}
     if need(g, "jpegtran", "jpegtran"):
         g["entries"].append(Entry("jpegtran -rotate 90 -perfect",
@@ -498,6 +514,27 @@ def groups_for(t, paths, tree, files, work, quick):
         g["entries"].append(Entry("exiv2 -pa", [t["exiv2"], "-pa", src]))
     if need(g, "exiftool", "exiftool"):
         g["entries"].append(Entry("exiftool -j", [t["exiftool"], "-j", src]))
+    groups.append(g)
+
+    # Metadata of every JPEG of the tree, one process each: the cost per
+    # file without the start of a process.
+    jpegs = [f for f in files if f.endswith(".jpg")]
+    g = {"key": "metadata_tree",
+         "title": "Metadata of the tree's %d JPEGs, one process for all" % len(jpegs),
+         "entries": []}
+    if need(g, "exif", "exif -m"):
+        g["entries"].append(Entry("exif -m (all files)", [t["exif"], "-m"] + jpegs,
+                                  role="reference", count=len(jpegs)))
+    if need(g, "qbimage", "qbimage meta"):
+        g["entries"].append(Entry("qbimage meta --json (all files)",
+                                  [t["qbimage"], "meta", "--json"] + jpegs, role="ours",
+                                  count=len(jpegs)))
+    if need(g, "exiv2", "exiv2"):
+        g["entries"].append(Entry("exiv2 -pa (all files)", [t["exiv2"], "-pa"] + jpegs,
+                                  count=len(jpegs)))
+    if need(g, "exiftool", "exiftool"):
+        g["entries"].append(Entry("exiftool -j (all files)", [t["exiftool"], "-j"] + jpegs,
+                                  count=len(jpegs)))
     groups.append(g)
 
     # Batch over the tree, 2 jobs.
@@ -552,8 +589,8 @@ def run_inprocess(t, src, runs, work, quick):
         return {"key": "thumb_24mp_inprocess", "skipped": ["qbbench-inproc is not built"],
                 "rows": [], "title": "In one process"}
     n = runs if quick else max(runs * 3, 15)
-    print("\n== Thumbnail 128x128 of the 24-megapixel JPEG in one process (%d calls each)" % n,
-          flush=True)
+    print("\n== Thumbnail 128x128 of the %s JPEG in one process (%d calls each)"
+          % (size_words(src), n), flush=True)
     r = subprocess.run([t["inproc"], "thumb", src, os.path.join(work, "out", "inproc.jpg"),
                         str(n)], capture_output=True, text=True)
     if r.returncode != 0:
@@ -570,8 +607,21 @@ def run_inprocess(t, src, runs, work, quick):
              "median_ms": statistics.median(q), "cpu_median_ms": statistics.median(qc),
              "ratio": statistics.median(q[i] / f[i] for i in range(n)),
              "cpu_ratio": statistics.median(qc[i] / fc[i] for i in range(n)), "runs": len(q)}]
+    # Peak memory of one call of each in a fresh process (median of three).
+    for row, which in zip(rows, ("floor", "ours")):
+        peaks = []
+        for _ in range(3):
+            p = subprocess.run([t["inproc"], "peak", which, src,
+                                os.path.join(work, "out", "inproc.jpg")],
+                               capture_output=True, text=True)
+            if p.returncode == 0:
+                peaks.append(int(p.stdout.strip()))
+        if peaks:
+            row["peak_kib"] = statistics.median(peaks)
+    if rows[0].get("peak_kib") and rows[1].get("peak_kib"):
+        rows[1]["peak_over_ref_kib"] = rows[1]["peak_kib"] - rows[0]["peak_kib"]
     g = {"key": "thumb_24mp_inprocess",
-         "title": "Thumbnail 128x128 of the 24-megapixel JPEG in one process",
+         "title": "Thumbnail 128x128 of the %s JPEG in one process" % size_words(src),
          "reference": rows[0]["name"], "rows": rows}
     print_group(g)
     return g
@@ -598,7 +648,7 @@ def run_micro(t, out, quick):
     for b in data["benchmarks"]:
         if b.get("run_type") == "aggregate" and b.get("aggregate_name") != "median":
             continue
-        name = b.get("run_name", b["name"])
+        name = b.get("run_name", b["name"]).replace("/real_time", "")
         rows.append({"name": name, "ms": b["real_time"], "mpx_per_s": b.get("Mpx/s"),
                      "same_as_double": b.get("same_as_double")})
         print("  %-58s %8.2f ms %8.1f Mpx/s  same as double %.4f" % (
@@ -659,20 +709,45 @@ def markdown(results):
     return "\n".join(lines)
 
 
-CHART_LABELS = {
-    "thumb_24mp": "24 MP JPEG to 128x128",
-    "thumb_24mp_inprocess": "24 MP JPEG, in one process",
-    "thumb_12mp": "12 MP JPEG to 128x128",
-    "thumb_progressive": "24 MP progressive JPEG",
-    "three_sizes": "Three sizes of 24 MP JPEG",
-    "thumb_png": "12 MP PNG to 128x128",
-    "turn": "Lossless turn (to jpegtran)",
-    "metadata": "Metadata (to exif -m)",
-    "batch": "Batch of the tree (to qbimage)",
-}
+# Rows of the chart: comparison key and the words on its row.
+CHART_ROWS = [
+    ("thumb_24mp", "24 MP JPEG to 128x128"),
+    ("thumb_24mp_inprocess", "the same, in one process"),
+    ("thumb_12mp", "12 MP JPEG to 128x128"),
+    ("thumb_progressive", "24 MP progressive JPEG"),
+    ("three_sizes", "24 MP JPEG to 128, 320, 1280"),
+    ("thumb_png", "12 MP PNG to 128x128"),
+    ("turn", "lossless turn of 24 MP JPEG"),
+    ("metadata", "metadata of one JPEG"),
+    ("metadata_tree", "metadata of the tree's JPEGs"),
+    ("batch", "batch of the 200-file tree"),
+]
+
+# Tools by the start of their row's name: label, colour, marker.
+CHART_TOOLS = [
+    ("qbimage", "libqbimage", "#e8590c", "D"),
+    ("easy_image", "libqbimage", "#e8590c", "D"),
+    ("vipsthumbnail --linear", "vipsthumbnail --linear", "#7048e8", "^"),
+    ("vipsthumbnail", "vipsthumbnail", "#1c7ed6", "v"),
+    ("gm", "GraphicsMagick", "#2f9e44", "s"),
+    ("parallel -j2 gm", "GraphicsMagick", "#2f9e44", "s"),
+    ("convert", "ImageMagick", "#c2255c", "o"),
+    ("exiv2", "exiv2", "#868e96", "P"),
+    ("exiftool", "exiftool", "#495057", "X"),
+]
+
+
+def tool_of(name):
+    best = None
+    for prefix, label, colour, marker in CHART_TOOLS:
+        if name.startswith(prefix) and (best is None or len(prefix) > len(best[0])):
+            best = (prefix, label, colour, marker)
+    return best[1:] if best else None
 
 
 def chart(results, path):
+    """One row per comparison, one mark per tool at its time over the
+    row's reference (the floor where there is one), on a log scale."""
     try:
         import matplotlib
         matplotlib.use("Agg")
@@ -682,39 +757,53 @@ def chart(results, path):
         return False
     matplotlib.rcParams["svg.fonttype"] = "none"
     matplotlib.rcParams["svg.hashsalt"] = "qbimage-bench"
-    panels = [g for g in results["groups"]
-              if g.get("key") in CHART_LABELS and any("ratio" in r for r in g.get("rows", []))]
-    if not panels:
+    by_key = {g.get("key"): g for g in results["groups"]}
+    rows = []
+    for key, words in CHART_ROWS:
+        g = by_key.get(key)
+        if not g or not any("ratio" in r for r in g.get("rows", [])):
+            continue
+        ref = g.get("reference") or ""
+        ref = ref.replace(" (floor)", "")
+        rows.append((g, "%s\n(1 = %s)" % (words, ref)))
+    if not rows:
         return False
-    heights = [max(1, sum("ratio" in r for r in g["rows"])) for g in panels]
-    fig, axes = plt.subplots(len(panels), 1, figsize=(9, 0.34 * sum(heights) + 0.55 * len(panels)
-                                                     + 0.8),
-                             gridspec_kw={"height_ratios": heights}, sharex=True)
-    if len(panels) == 1:
-        axes = [axes]
-    top = max(r["ratio"] for g in panels for r in g["rows"] if "ratio" in r)
-    for ax, g in zip(axes, panels):
-        rows = [r for r in g["rows"] if "ratio" in r]
-        names = [r["name"] for r in rows]
-        vals = [r["ratio"] for r in rows]
-        colours = ["#d9480f" if r["role"] == "ours" else
-                   "#868e96" if r["role"] in ("floor", "reference") else "#4c6ef5"
-                   for r in rows]
-        y = range(len(rows))
-        ax.barh(list(y), vals, color=colours, height=0.7)
-        ax.set_yticks(list(y))
-        ax.set_yticklabels(names, fontsize=8)
-        ax.invert_yaxis()
-        ax.axvline(1.0, color="black", linewidth=0.8)
-        ax.set_title(CHART_LABELS[g["key"]], fontsize=9, loc="left")
-        for yi, v in zip(y, vals):
-            ax.text(v * 1.03, yi, "%.2f" % v, va="center", fontsize=7)
-        ax.tick_params(axis="x", labelsize=8)
-    axes[-1].set_xscale("log")
-    axes[-1].set_xlim(0.1 if min(r["ratio"] for g in panels for r in g["rows"] if "ratio" in r)
-                      < 0.5 else 0.5, top * 2.2)
-    axes[-1].set_xlabel("time relative to the grey bar (log scale; less is faster); "
-                        "orange: libqbimage", fontsize=8)
+    fig, ax = plt.subplots(figsize=(9, 0.55 * len(rows) + 1.3))
+    seen = set()
+    values = []
+    for y, (g, _) in enumerate(rows):
+        for r in g["rows"]:
+            if "ratio" not in r or (r["role"] in ("floor", "reference")
+                                    and not r["name"].startswith("qbimage")):
+                continue
+            tool = tool_of(r["name"])
+            if not tool:
+                continue
+            label, colour, marker = tool
+            ours = label == "libqbimage"
+            ax.scatter(r["ratio"], y, color=colour, marker=marker, s=70 if ours else 45,
+                       zorder=3 if ours else 2, edgecolors="black" if ours else "none",
+                       linewidths=0.6, label=None if label in seen else label)
+            seen.add(label)
+            values.append(r["ratio"])
+            if ours:
+                ax.annotate("%.2f" % r["ratio"], (r["ratio"], y), textcoords="offset points",
+                            xytext=(0, 7), ha="center", fontsize=7, color=colour)
+    ax.axvline(1.0, color="black", linewidth=0.8, zorder=1)
+    ax.set_yticks(range(len(rows)))
+    ax.set_yticklabels([w for _, w in rows], fontsize=7.5)
+    ax.invert_yaxis()
+    ax.set_xscale("log")
+    lo = min(values + [1.0])
+    hi = max(values + [1.0])
+    ax.set_xlim(lo / 1.5, hi * 1.5)
+    ax.grid(axis="y", color="#dee2e6", linewidth=0.6)
+    ax.grid(axis="x", which="both", color="#f1f3f5", linewidth=0.5)
+    ax.set_xlabel("time over the row's reference, median of paired runs "
+                  "(log scale; left of 1 is faster than it)", fontsize=8)
+    ax.tick_params(axis="x", labelsize=8)
+    ax.legend(fontsize=7.5, loc="lower center", bbox_to_anchor=(0.45, 1.0), ncol=7,
+              frameon=False, handletextpad=0.2, columnspacing=1.0)
     fig.tight_layout()
     fig.savefig(path, format="svg", metadata={"Date": None})
     plt.close(fig)

@@ -11,8 +11,9 @@
 #                 (default DIR/bench-results)
 #   --runs N      timed rounds of each comparison (default 9; --quick 2)
 #   --quick       tiny inputs and 2 rounds: only checks that everything runs
-#   --only KEYS   comma-separated: thumb_24mp thumb_12mp thumb_progressive
-#                 startup three_sizes thumb_png turn metadata batch micro
+#   --only KEYS   comma-separated: thumb_24mp (with the in-process loop)
+#                 thumb_12mp thumb_progressive startup three_sizes thumb_png
+#                 turn metadata metadata_tree batch micro
 #
 # Peers are installed by `sh bench/install-peers.sh` (as root); a peer that
 # is missing is skipped with a note. The driver is Debian's Python.
