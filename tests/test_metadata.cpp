@@ -149,10 +149,7 @@ TEST(ExifFields, TextsDatesSizesAndNumbers)
         {"apex 58 does not", {}, {R(kAperture, {58, 1})}, {}, {"f=0/10"}},
     };
     image_metadata start{};
-    start.width = 11;
-    start.height = 22;
-    start.gps_latitude = 12345;
-    start.gps_longitude = 678;
+    start.width = 11, start.height = 22, start.gps_latitude = 12345, start.gps_longitude = 678;
     for (bool big : {false, true})
         for (const auto &c : cases) {
             SCOPED_TRACE(std::string(c.name) + (big ? ", big-endian" : ", little-endian"));
