@@ -333,65 +333,49 @@ TEST(ExifPatch, MalformedBlocksStayUnchanged)
 
 // Every APPn marker is carried, in order, on both routes; but where libjpeg
 // writes its own JFIF or Adobe marker (the coefficient route), the source's
-// are dropped. Comments are not carried.
-TEST(TransformMarkers, CarriedInOrderWithoutDuplicateJfifOrAdobe)
+// are dropped. Comments are not carried. The Exif size entries, SHORT in the
+// source, become LONGs holding the output's size in either byte order where
+// the size changes; blocks that are no sound Exif pass unchanged.
+TEST(TransformMarkers, CarriedInOrderWithTheOutputsExifSize)
 {
     std::vector<uint8_t> icc1 = icc_app2_payload("ADBE"), icc2 = icc1;
     icc1[13] = icc2[13] = 2;  // one profile in two markers, the second long
     icc2[12] = 2;
     icc2.resize(icc2.size() + 60000, 0x5A);
-    JpegOptions ycc, rgb;
-    ycc.markers = {{JPEG_APP0, bytes({"JFIF\0\1\2\1\0\x48\0\x48\0\0", 14})},
-                   {JPEG_APP0 + 1, size_block(false, 3, 64, 32)}, {JPEG_APP0 + 2, icc1},
-                   {JPEG_APP0 + 13, bytes("Photoshop 3.0")},     {JPEG_APP0 + 2, icc2},
-                   {JPEG_APP0 + 15, bytes("vendor")},            {JPEG_APP0, bytes("JFIF")},
-                   {JPEG_APP0, bytes({"JFXX\0\x10", 6})},       {JPEG_COM, bytes("comment")}};
-    rgb.jpeg_color_space = JCS_RGB;
-    rgb.write_jfif = false;
-    rgb.markers = ycc.markers;
-    rgb.markers[0] = {JPEG_APP0 + 14, bytes({"Adobe\0\x64\0\0\0\0\0", 12})};
-    for (const JpegOptions &opt : {ycc, rgb})
-        for (int w : {64, 50}) {  // coefficient route, then pixels
-            SCOPED_TRACE(std::to_string(w) + (opt.write_jfif ? " ycc" : " rgb"));
-            auto [in, out] = run_markers(opt, w, 32, 6);
-            std::erase_if(in, [](const Segment &s) { return s.first == JPEG_COM; });
-            ASSERT_FALSE(out.empty());
-            if (w == 64) {
-                EXPECT_EQ(out[0].second[0], in[0].second[0]) << "libjpeg's own leads";
-                out.erase(out.begin());
-                in.erase(in.begin(), in.begin() + 2);
-            }
-            EXPECT_EQ(out, in);
-        }
-}
-
-// The size entries, SHORT in the source, become LONGs holding the output's
-// size in either byte order, on both routes; blocks that are no sound Exif
-// pass unchanged.
-TEST(TransformMarkers, ExifSizeFollowsTheOutput)
-{
     std::vector<uint8_t> bad_magic = size_block(true, 3, 64, 48), not_exif = bad_magic;
     bad_magic[9] = 43;
     not_exif[5] = 1;  // "Exif\0\1", though the TIFF is sound
-    // source width (64: coefficient route, 50: pixels), code, crop, big-endian,
-    // the size written (0: entries untouched)
-    const std::tuple<int, uint32_t, image_crop, bool, uint32_t, uint32_t> cases[] = {
-        {64, 5, {}, false, 48, 64}, {50, 7, {}, true, 48, 50},
-        {64, 0, {20, 5, 30, 20}, true, 34, 25},  // widened to the iMCU grid
-        {50, 7, {1, 2, 30, 20}, false, 20, 30},  {64, 1, {}, false, 0, 0},
+    // source width (64: coefficient route, 50: pixels), RGB with an Adobe
+    // marker (else YCbCr with JFIF), code, crop, big-endian, the size written
+    // (0: entries untouched)
+    const std::tuple<int, bool, uint32_t, image_crop, bool, uint32_t, uint32_t> cases[] = {
+        {64, false, 6, {}, false, 0, 0},  {50, false, 6, {}, false, 0, 0},
+        {64, true, 6, {}, true, 0, 0},    {50, true, 6, {}, true, 0, 0},
+        {64, false, 5, {}, false, 48, 64}, {50, true, 7, {}, true, 48, 50},
+        {64, false, 0, {20, 5, 30, 20}, true, 34, 25},  // widened to the iMCU grid
+        {50, false, 7, {1, 2, 30, 20}, false, 20, 30},  {64, true, 1, {}, false, 0, 0},
     };
-    for (const auto &[width, xform, crop, be, w, h] : cases) {
-        JpegOptions opt;
-        const std::vector<uint8_t> block = size_block(be, 3, 64, 48), bare = bytes({"Exif", 5});
-        opt.markers = {{JPEG_APP0 + 1, block}, {JPEG_APP0 + 1, bad_magic},
-                       {JPEG_APP0 + 1, not_exif}, {JPEG_APP0 + 1, bare}};
-        std::vector<std::vector<uint8_t>> exif;
-        const image_crop *c = crop.width ? &crop : nullptr;
-        for (const Segment &s : run_markers(opt, width, 48, xform, c).second)
-            if (s.first == JPEG_APP0 + 1)
-                exif.push_back(s.second);
-        const std::vector<uint8_t> resized = w ? size_block(be, 4, w, h) : block;
-        EXPECT_EQ(exif, (std::vector<std::vector<uint8_t>>{resized, bad_magic, not_exif, bare}))
-            << width << " code " << xform;
+    for (const auto &[width, rgb, xform, crop, be, w, h] : cases) {
+        SCOPED_TRACE(std::to_string(width) + (rgb ? " rgb" : " ycc") + " code " + std::to_string(xform));
+        JpegOptions opt{.jpeg_color_space = rgb ? JCS_RGB : JCS_UNKNOWN, .write_jfif = !rgb};
+        opt.markers = {rgb ? Segment{JPEG_APP0 + 14, bytes({"Adobe\0\x64\0\0\0\0\0", 12})}
+                           : Segment{JPEG_APP0, bytes({"JFIF\0\1\2\1\0\x48\0\x48\0\0", 14})},
+                       {JPEG_APP0 + 1, size_block(be, 3, 64, 48)}, {JPEG_APP0 + 2, icc1},
+                       {JPEG_APP0 + 13, bytes("Photoshop 3.0")},  {JPEG_APP0 + 2, icc2},
+                       {JPEG_APP0 + 15, bytes("vendor")},         {JPEG_APP0, bytes("JFIF")},
+                       {JPEG_APP0, bytes({"JFXX\0\x10", 6})},    {JPEG_APP0 + 1, bad_magic},
+                       {JPEG_APP0 + 1, not_exif},                 {JPEG_APP0 + 1, bytes({"Exif", 5})},
+                       {JPEG_COM, bytes("comment")}};
+        auto [in, out] = run_markers(opt, width, 48, xform, crop.width ? &crop : nullptr);
+        in.pop_back();  // the comment
+        if (w)  // behind libjpeg's own marker and ours
+            in[2].second = size_block(be, 4, w, h);
+        ASSERT_FALSE(out.empty());
+        if (width == 64) {
+            EXPECT_EQ(out[0].second[0], in[0].second[0]) << "libjpeg's own leads";
+            out.erase(out.begin());
+            in.erase(in.begin(), in.begin() + 2);
+        }
+        EXPECT_EQ(out, in);
     }
 }
