@@ -1,14 +1,11 @@
-// Many calls at once: thumbnails of JPEG, PNG and RAW files, scaled copies
-// from a host's decode cache, transforms on both routes, RAW previews,
-// metadata and framed images, all on shared sources from 8 threads, each result byte for byte
-// the one a single thread gets. tests/run-tsan.sh runs this under
-// ThreadSanitizer.
+// Every entry point at once on shared sources from 8 threads, each result
+// byte for byte the one a single thread gets. tests/run-tsan.sh runs this
+// under ThreadSanitizer.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <csetjmp>
-#include <cstring>
-#include <functional>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,11 +20,7 @@ using namespace qbtest;
 
 namespace {
 
-constexpr int kThreads = 8;
-constexpr int kRounds = 2;
-
-// A gradient whose alpha runs across the picture.
-Rgba rgba(int width, int height)
+Rgba rgba(int width, int height)  // a gradient, its alpha running across
 {
     Rgba p{width, height, std::vector<uint8_t>(size_t(width) * height * 4)};
     for (int y = 0; y < height; ++y)
@@ -42,12 +35,13 @@ Rgba rgba(int width, int height)
 struct Sources {
     TempDir dir;
     std::string turned = dir.path("turned.jpg");  // 160 x 120, Exif orientation 6
-    std::string large = dir.path("large.jpg");    // 640 x 480: DCT scaling
+    std::string large = dir.path("large.jpg");    // 640 x 480 progressive: DCT scaling
     std::string grid = dir.path("grid.jpg");      // 48 x 32 4:2:0: coefficient route
-    std::string odd = dir.path("odd.jpg");        // 45 x 37: pixel route
+    std::string odd = dir.path("odd.jpg");        // 45 x 37 grey: pixel route
     std::string dng = dir.path("photo.dng");      // orientation 6, 60 x 40 preview
-    std::string png = dir.path("photo.png");      // 120 x 90, alpha across
-    std::string frame = dir.path("frame.png");    // 80 x 60, alpha across
+    std::string png = dir.path("photo.png");      // 120 x 90
+    std::string frame = dir.path("frame.png");    // 80 x 60
+    bool ok = false;
 
     Sources()
     {
@@ -62,38 +56,19 @@ struct Sources {
              write_dng(dng, {.orientation = 6}) && write_png_rgba(png, rgba(120, 90)) &&
              write_png_rgba(frame, rgba(80, 60));
     }
-    bool ok = false;
 };
-
-// What a call gives: its code, then the bytes it wrote (files, record, log).
-using Result = std::vector<uint8_t>;
-
-Result with_code(int32_t rc, const std::vector<std::string> &files = {}, const void *extra = nullptr,
-                 size_t extra_size = 0)
-{
-    Result r(reinterpret_cast<const uint8_t *>(&rc), reinterpret_cast<const uint8_t *>(&rc + 1));
-    for (const std::string &f : files) {
-        const std::vector<uint8_t> bytes = read_file(f);
-        r.push_back(uint8_t(bytes.size() != 0));
-        r.insert(r.end(), bytes.begin(), bytes.end());
-    }
-    const auto *e = static_cast<const uint8_t *>(extra);
-    r.insert(r.end(), e, e + extra_size);
-    return r;
-}
 
 // A host's decode cache: three sizes from one decode and one re-decode.
 int32_t host_sizes(const std::string &in, const std::string &out)
 {
-    FILE *first = std::fopen(in.c_str(), "rb");
-    FILE *second = std::fopen(in.c_str(), "rb");
+    FILE *first = std::fopen(in.c_str(), "rb"), *second = std::fopen(in.c_str(), "rb");
     image_jcache cache;
     image_jpeg_error err;
     volatile int32_t rc = 1;
     image_jpeg_jcache_init(&cache, &err.mgr);
     err.mgr.error_exit = image_jpeg_error_exit;
     if (first && second && setjmp(err.jump) != 0) {
-        rc = 1;  // the decoder failed
+        rc = 1;
     } else if (first && second) {
         jpeg_create_decompress(&cache.cinfo);
         jpeg_stdio_src(&cache.cinfo, first);
@@ -117,106 +92,92 @@ int32_t host_sizes(const std::string &in, const std::string &out)
     return rc;
 }
 
-// Metadata, and each thread's log lines through its own record.
-Result metadata_of(const std::string &in, image_media_type type)
+// The record goes to the output file, to be compared like a picture.
+int32_t metadata(const std::string &in, const std::string &out, const image_ctx *ctx, image_media_type type)
 {
     image_metadata m{};
-    std::string log;
-    const image_ctx ctx{&log, nullptr, nullptr, capture_log, 0, 1, 2, 3};
-    const int32_t rc = image_get_metadata(&ctx, in.c_str(), type, &m);
-    Result r = with_code(rc, {}, &m, sizeof m);
-    r.insert(r.end(), log.begin(), log.end());
-    return r;
+    const int32_t rc = image_get_metadata(ctx, in.c_str(), type, &m);
+    write_file(out, {reinterpret_cast<const uint8_t *>(&m), reinterpret_cast<const uint8_t *>(&m + 1)});
+    return rc;
 }
 
-Result framed(const Sources &s, const std::string &out)
+const image_crop kCrop{3, 5, 30, 20};
+// Each call writes to `out` (the decode cache to outa, outb, outc) and logs
+// through `ctx`.
+const struct {
+    const char *name;
+    int32_t (*call)(const Sources &s, const std::string &out, const image_ctx *ctx);
+} kJobs[] = {
+    {"thumbnail of a turned JPEG",
+     [](auto &s, auto &o, auto) { return easy_image_create_thumb(s.turned.c_str(), o.c_str(), 64, 48, 85, 0); }},
+    {"thumbnail of a large JPEG",
+     [](auto &s, auto &o, auto) { return easy_image_create_thumb(s.large.c_str(), o.c_str(), 96, 96, 75, 0); }},
+    {"thumbnail of a PNG",
+     [](auto &s, auto &o, auto) { return easy_image_create_thumb(s.png.c_str(), o.c_str(), 64, 64, 85, 0x2040C0); }},
+    {"thumbnail of a RAW",
+     [](auto &s, auto &o, auto) { return easy_image_create_thumb(s.dng.c_str(), o.c_str(), 48, 48, 85, 0); }},
+    {"sizes from a host's cache", [](auto &s, auto &o, auto) { return host_sizes(s.large, o); }},
+    {"transform, coefficient route",
+     [](auto &s, auto &o, auto) { return image_jpeg_transform(s.grid.c_str(), o.c_str(), 5, &kCrop, 85); }},
+    {"transform, pixel route",
+     [](auto &s, auto &o, auto) { return image_jpeg_transform(s.odd.c_str(), o.c_str(), 7, &kCrop, 85); }},
+    {"RAW preview, decoded and turned",
+     [](auto &s, auto &o, auto) { return image_raw_to_preview_jpeg(s.dng.c_str(), o.c_str(), 1, 6, 85); }},
+    {"metadata of a JPEG", [](auto &s, auto &o, auto ctx) { return metadata(s.turned, o, ctx, IMAGE_MEDIA_JPEG); }},
+    {"metadata of a RAW", [](auto &s, auto &o, auto ctx) { return metadata(s.dng, o, ctx, IMAGE_MEDIA_RAW); }},
+    {"framed image", [](auto &s, auto &o, auto ctx) {
+         return image_create_framed_image(ctx, s.frame.c_str(), s.large.c_str(), o.c_str(), 10, 6, 60, 50);
+     }},
+};
+
+struct Result {
+    int32_t rc = -1;
+    std::vector<uint8_t> bytes;  // each output behind a byte saying whether it was written, then the log
+    bool operator==(const Result &) const = default;
+};
+
+Result run(size_t job, const Sources &s, const std::string &out)
 {
     std::string log;
     const image_ctx ctx{&log, nullptr, nullptr, capture_log, 0, 1, 2, 3};
-    const int32_t rc = image_create_framed_image(&ctx, s.frame.c_str(), s.large.c_str(),
-                                                 out.c_str(), 10, 6, 60, 50);
-    Result r = with_code(rc, {out});
-    r.insert(r.end(), log.begin(), log.end());
+    const std::string files[] = {out, out + 'a', out + 'b', out + 'c'};
+    for (const std::string &f : files)
+        unlink(f.c_str());
+    Result r{kJobs[job].call(s, out, &ctx), {}};
+    for (const std::string &f : files) {
+        const std::vector<uint8_t> bytes = read_file(f);
+        r.bytes.push_back(uint8_t(!bytes.empty()));
+        r.bytes.insert(r.bytes.end(), bytes.begin(), bytes.end());
+    }
+    r.bytes.insert(r.bytes.end(), log.begin(), log.end());
     return r;
 }
-
-struct Job {
-    const char *name;
-    std::function<Result(const Sources &, const std::string &out)> run;
-};
-
-const image_crop kCrop{3, 5, 30, 20};
-
-const Job kJobs[] = {
-    {"thumbnail of a turned JPEG",
-     [](const Sources &s, const std::string &o) {
-         return with_code(easy_image_create_thumb(s.turned.c_str(), o.c_str(), 64, 48, 85, 0), {o});
-     }},
-    {"thumbnail of a large JPEG",
-     [](const Sources &s, const std::string &o) {
-         return with_code(easy_image_create_thumb(s.large.c_str(), o.c_str(), 96, 96, 75, 0), {o});
-     }},
-    {"thumbnail of a PNG",
-     [](const Sources &s, const std::string &o) {
-         return with_code(easy_image_create_thumb(s.png.c_str(), o.c_str(), 64, 64, 85, 0x2040C0), {o});
-     }},
-    {"thumbnail of a RAW",
-     [](const Sources &s, const std::string &o) {
-         return with_code(easy_image_create_thumb(s.dng.c_str(), o.c_str(), 48, 48, 85, 0), {o});
-     }},
-    {"sizes from a host's cache",
-     [](const Sources &s, const std::string &o) {
-         return with_code(host_sizes(s.large, o), {o + 'a', o + 'b', o + 'c'});
-     }},
-    {"transform, coefficient route",
-     [](const Sources &s, const std::string &o) {
-         return with_code(image_jpeg_transform(s.grid.c_str(), o.c_str(), 5, &kCrop, 85), {o});
-     }},
-    {"transform, pixel route",
-     [](const Sources &s, const std::string &o) {
-         return with_code(image_jpeg_transform(s.odd.c_str(), o.c_str(), 7, &kCrop, 85), {o});
-     }},
-    {"RAW preview, decoded and turned",
-     [](const Sources &s, const std::string &o) {
-         return with_code(image_raw_to_preview_jpeg(s.dng.c_str(), o.c_str(), 1, 6, 85), {o});
-     }},
-    {"metadata of a JPEG",
-     [](const Sources &s, const std::string &) { return metadata_of(s.turned, IMAGE_MEDIA_JPEG); }},
-    {"metadata of a RAW",
-     [](const Sources &s, const std::string &) { return metadata_of(s.dng, IMAGE_MEDIA_RAW); }},
-    {"framed image", framed},
-};
-constexpr int kJobCount = int(std::size(kJobs));
 
 TEST(Threads, ManyCallsAtOnceGiveWhatOneThreadGets)
 {
+    constexpr size_t kThreads = 8, kRounds = 2, kJobCount = std::size(kJobs);
     const Sources s;
     ASSERT_TRUE(s.ok);
     std::vector<Result> expected;
-    for (const Job &j : kJobs) {
-        expected.push_back(j.run(s, s.dir.path("reference")));
-        int32_t rc = -1;
-        std::memcpy(&rc, expected.back().data(), sizeof rc);
-        ASSERT_EQ(rc, 0) << j.name;
-        ASSERT_GT(expected.back().size(), 100u) << j.name;
+    for (size_t k = 0; k < kJobCount; ++k) {
+        expected.push_back(run(k, s, s.dir.path("reference")));
+        ASSERT_EQ(expected.back().rc, 0) << kJobs[k].name;
+        ASSERT_GT(expected.back().bytes.size(), 100u) << kJobs[k].name;
     }
-
-    // Each thread starts at another job, so different calls overlap.
     std::vector<std::string> failures(kThreads);
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
+    for (size_t t = 0; t < kThreads; ++t)
         threads.emplace_back([&, t] {
-            const std::string out = s.dir.path("out" + std::to_string(t));
-            for (int i = 0; i < kRounds * kJobCount; ++i) {
-                const int k = (t + i) % kJobCount;
-                if (kJobs[k].run(s, out) != expected[size_t(k)])
-                    failures[size_t(t)] += std::string(" ") + kJobs[k].name + ";";
+            for (size_t i = 0; i < kRounds * kJobCount; ++i) {
+                const size_t k = (t + i) % kJobCount;  // each thread starts at another job
+                if (run(k, s, s.dir.path("out" + std::to_string(t))) != expected[k])
+                    failures[t] += std::string(" ") + kJobs[k].name + ";";
             }
         });
     for (std::thread &t : threads)
         t.join();
-    for (int t = 0; t < kThreads; ++t)
-        EXPECT_EQ(failures[size_t(t)], "") << "thread " << t;
+    for (size_t t = 0; t < kThreads; ++t)
+        EXPECT_EQ(failures[t], "") << "thread " << t;
 }
 
 }  // namespace
