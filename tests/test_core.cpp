@@ -104,8 +104,9 @@ TEST(Thumb, FailureCodesAndLogLines)
         {tmp.path("PHOTO.JPG"), out, 0, ""},
         {"no-extension-anywhere", out, 2, ""},
         {missing, out, 2, "42 2 image_jpeg:3069 Cannot read " + missing},
-        {tmp.path("dir.d/file"), out, 9, ""},  // types by name: TypesByExtension below
+        {tmp.path("dir.d/file"), out, 9, ""},  // unknown, video, audio
         {tmp.path("movie.mov"), out, 9, ""},
+        {tmp.path("song.mp3"), out, 9, ""},
         {tmp.path("garbage.jpg"), out, 9, "42 9 image_jpeg:3077 Libjpeg call error handler. Aborting..."},
         {tmp.path("empty.jpeg"), out, 9, ""},
         {tmp.path("photo.jpg"), tmp.path("none/t.jpg"), 9,
