@@ -8,8 +8,9 @@
 //   qbbench-inproc peak floor|ours IN.jpg OUT.jpg
 //
 // The second makes one call of either and prints the process's peak
-// resident set in KiB: both load the same libraries, so the difference is
-// what the call itself holds at its peak.
+// resident set in KiB (VmHWM: getrusage's figure would carry over the peak
+// of whatever process started this one, across exec). Both load the same
+// libraries, so the difference is what the call itself holds at its peak.
 //
 // Prints one JSON object: the wall-clock and the CPU milliseconds of every
 // call of each, in call order, for the driver to take medians and ratios of
@@ -21,7 +22,6 @@
 #include <cstring>
 #include <vector>
 
-#include <sys/resource.h>
 #include <time.h>
 
 #include "qbimage.h"
@@ -92,9 +92,17 @@ int main(int argc, char **argv)
         const bool floor_call = std::strcmp(argv[2], "floor") == 0;
         if (!(floor_call ? floor_decode(argv[3]) : ours(argv[3], argv[4], 128)))
             return 1;
-        rusage ru{};
-        getrusage(RUSAGE_SELF, &ru);
-        std::printf("%ld\n", ru.ru_maxrss);
+        FILE *status = std::fopen("/proc/self/status", "r");
+        char line[256];
+        long kib = -1;
+        while (status && std::fgets(line, sizeof line, status))
+            if (std::sscanf(line, "VmHWM: %ld kB", &kib) == 1)
+                break;
+        if (status)
+            std::fclose(status);
+        if (kib < 0)
+            return 1;
+        std::printf("%ld\n", kib);
         return 0;
     }
     if (argc < 5 || std::strcmp(argv[1], "thumb") != 0) {

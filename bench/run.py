@@ -258,23 +258,20 @@ def run_entry(entry, work):
 
 def measure_peak(entry, timer, work):
     """Peak memory by /usr/bin/time -v: the largest resident set of any
-    command of the entry."""
-    if entry.error:
+    command of the entry. (Not from this process's own wait4: a child
+    spawned from Python starts with Python's peak, which survives exec.)"""
+    if entry.error or not timer:
         return
     peak = 0
     report = os.path.join(work, "time-v.txt")
     if entry.prepare:
         entry.prepare()
     for argv in entry.commands:
-        if timer:
-            w, c, rss, code = spawn_wait([timer, "-v", "-o", report] + argv,
-                                         os.path.join(work, "stderr.txt"))
-            with open(report) as f:
-                m = re.search(r"Maximum resident set size \(kbytes\): (\d+)", f.read())
-            rss = int(m.group(1)) if m else None
-        else:
-            # The same figure, from wait4, when GNU time is missing.
-            _, _, rss, code = spawn_wait(argv, os.path.join(work, "stderr.txt"))
+        _, _, _, code = spawn_wait([timer, "-v", "-o", report] + argv,
+                                  os.path.join(work, "stderr.txt"))
+        with open(report) as f:
+            m = re.search(r"Maximum resident set size \(kbytes\): (\d+)", f.read())
+        rss = int(m.group(1)) if m else None
         if code != 0 or rss is None:
             return
         peak = max(peak, rss)
