@@ -682,7 +682,8 @@ def markdown(results):
                                                      " |" if has_peak else "",
                                                      " |" if has_rate else ""))
                 continue
-            name = "**%s**" % r["name"] if r["role"] == "ours" else r["name"]
+            ours = r["role"] == "ours" or r["name"].startswith("qbimage")
+            name = "**%s**" % r["name"] if ours else r["name"]
             cells = [name, "%.1f" % r["median_ms"],
                      "%.2f" % r["ratio"] if "ratio" in r else "",
                      "%.1f" % r["cpu_median_ms"] if "cpu_median_ms" in r else "",
@@ -707,6 +708,31 @@ def markdown(results):
 
 
 # Rows of the chart: comparison key and the words on its row.
+def header(results):
+    m = results["machine"]
+    lines = ["Command: `%s`, %s, %d rounds; %s, %s cores; load average %s before, %s after." % (
+        results["command"], results["date"], results["runs"], m["cpu"], m["cores"],
+        "/".join("%.1f" % x for x in m["load_before"]),
+        "/".join("%.1f" % x for x in m.get("load_after", m["load_before"])))]
+    parts = []
+    for name, i in results["inputs"].items():
+        if name == "tree":
+            parts.append("tree: %d files (%d JPEG, %d PNG), %.0f MB" % (
+                i["files"], i["jpeg"], i["png"], i["bytes"] / 1e6))
+        elif "width" in i:
+            parts.append("%s: %dx%d, %.1f MB, %.2f bits/pixel" % (
+                i["path"], i["width"], i["height"], i["bytes"] / 1e6, i["bits_per_pixel"]))
+    lines.append("Inputs: " + "; ".join(parts) + ".")
+    if results.get("versions"):
+        words = []
+        for k, v in results["versions"].items():
+            if v:
+                v = re.sub(r"\s*https?://\S+", "", v).replace("Version: ", "")
+                words.append(v if k.lower() in v.lower() else "%s %s" % (k, v))
+        lines.append("Tools: " + "; ".join(words) + ".")
+    return "\n".join(lines) + "\n\n"
+
+
 CHART_ROWS = [
     ("thumb_24mp", "24 MP JPEG to 128x128"),
     ("thumb_24mp_inprocess", "the same, in one process"),
@@ -812,7 +838,7 @@ def chart(results, path):
 
 def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    ap.add_argument("--build", required=True, help="build folder of the project")
+    ap.add_argument("--build", help="build folder of the project")
     ap.add_argument("--out", help="folder for results (default BUILD/bench-results)")
     ap.add_argument("--inputs", help="folder for inputs (default BUILD/bench-inputs)")
     ap.add_argument("--runs", type=int, help="timed rounds per comparison (default 9)")
@@ -820,9 +846,22 @@ def main():
                     help="tiny inputs, 2 rounds: checks that the suite runs")
     ap.add_argument("--only", help="comma-separated comparison keys to run")
     ap.add_argument("--no-micro", action="store_true", help="leave out the micro-benchmarks")
+    ap.add_argument("--render", metavar="RESULTS_JSON",
+                    help="only write results.md and chart.svg again from a results.json")
     ap.add_argument("--command", default="bench/run.sh", help=argparse.SUPPRESS)
     a = ap.parse_args()
 
+    if a.render:
+        with open(a.render) as f:
+            results = json.load(f)
+        folder = os.path.dirname(os.path.abspath(a.render))
+        with open(os.path.join(folder, "results.md"), "w") as f:
+            f.write(header(results) + markdown(results))
+        chart(results, os.path.join(folder, "chart.svg"))
+        return
+
+    if not a.build:
+        ap.error("--build is required")
     build = os.path.abspath(a.build)
     out = os.path.abspath(a.out or os.path.join(build, "bench-results"))
     inputs = os.path.abspath(a.inputs or (os.path.join(out, "inputs") if a.quick
@@ -890,10 +929,7 @@ def main():
     results["seconds"] = round(time.time() - started, 1)
     with open(os.path.join(out, "results.json"), "w") as f:
         json.dump(results, f, indent=1)
-    md = ("Command: `%s`, %s, %d rounds; load average %s before, %s after.\n\n" % (
-        results["command"], results["date"], runs,
-        "/".join("%.1f" % x for x in results["machine"]["load_before"]),
-        "/".join("%.1f" % x for x in results["machine"]["load_after"])) + markdown(results))
+    md = header(results) + markdown(results)
     with open(os.path.join(out, "results.md"), "w") as f:
         f.write(md)
     drew = chart(results, os.path.join(out, "chart.svg"))
