@@ -231,34 +231,11 @@ template <int Variant> int32_t host_scale(const char *in, const char *out)
     char out2[4096];  // a std::string would throw when its allocation fails
     std::snprintf(out2, sizeof out2, "%s.2", out);
     image_overlay overlay{(Variant == 1 ? s.missing : s.jpeg_small).c_str(), 0.5, 0};
-    const char *stamp = (Variant == 2 ? s.missing : s.jpeg_small).c_str();
-    const image_scale_params p{IMAGE_SCALE_FIT_BOX_PAD, 40, 40, 10.0, 85, 0, 0};
-    const image_scale_params p2{IMAGE_SCALE_FIT_BOX, 12, 12, 10.0, 85, 0, 0};
-    FILE *first = std::fopen(in, "rb"), *second = std::fopen(in, "rb");
-    image_jcache cache;
-    image_jpeg_error err;
-    volatile int32_t rc = 1;
-    image_jpeg_jcache_init(&cache, &err.mgr);
-    err.mgr.error_exit = image_jpeg_error_exit;
-    if (first && second && setjmp(err.jump) != 0) {
-        rc = 1;
-    } else if (first && second) {
-        jpeg_create_decompress(&cache.cinfo);
-        jpeg_stdio_src(&cache.cinfo, first);
-        jpeg_save_markers(&cache.cinfo, JPEG_APP0 + 2, 0xFFFF);
-        jpeg_read_header(&cache.cinfo, TRUE);
-        rc = image_jpeg_scale(utils_check_hw(), &cache, second, out, IMAGE_XFORM_ROT_90, &p, stamp, &overlay);
-        if (rc == 0)
-            rc = image_jpeg_scale(utils_check_hw(), &cache, second, out2, IMAGE_XFORM_NONE, &p2, nullptr, nullptr);
-        if (rc == 0)
-            jpeg_finish_decompress(&cache.cinfo);
-    }
-    jpeg_destroy_decompress(&cache.cinfo);
-    image_jpeg_jcache_clean(&cache);
-    for (FILE *f : {first, second})
-        if (f)
-            std::fclose(f);
-    return rc;
+    const HostRequest requests[] = {
+        {out, IMAGE_XFORM_ROT_90, {IMAGE_SCALE_FIT_BOX_PAD, 40, 40, 10.0, 85, 0, 0},
+         (Variant == 2 ? s.missing : s.jpeg_small).c_str(), &overlay},
+        {out2, IMAGE_XFORM_NONE, {IMAGE_SCALE_FIT_BOX, 12, 12, 10.0, 85, 0, 0}}};
+    return qbtest::host_scale(in, requests, 2);
 }
 
 constexpr int32_t kNone = 1000;  // the case does not apply

@@ -5,7 +5,6 @@
 
 #include <unistd.h>
 
-#include <csetjmp>
 #include <string>
 #include <thread>
 #include <vector>
@@ -61,35 +60,12 @@ struct Sources {
 // A host's decode cache: three sizes from one decode and one re-decode.
 int32_t host_sizes(const std::string &in, const std::string &out)
 {
-    FILE *first = std::fopen(in.c_str(), "rb"), *second = std::fopen(in.c_str(), "rb");
-    image_jcache cache;
-    image_jpeg_error err;
-    volatile int32_t rc = 1;
-    image_jpeg_jcache_init(&cache, &err.mgr);
-    err.mgr.error_exit = image_jpeg_error_exit;
-    if (first && second && setjmp(err.jump) != 0) {
-        rc = 1;
-    } else if (first && second) {
-        jpeg_create_decompress(&cache.cinfo);
-        jpeg_stdio_src(&cache.cinfo, first);
-        jpeg_save_markers(&cache.cinfo, JPEG_APP0 + 2, 0xFFFF);
-        jpeg_read_header(&cache.cinfo, TRUE);
-        const image_scale_params sizes[] = {{IMAGE_SCALE_FIT_BOX, 100, 100, 10.0, 80, 0, 0},
-                                            {IMAGE_SCALE_FILL_CENTRE, 48, 48, 10.0, 80, 1, 0},
-                                            {IMAGE_SCALE_FIT_WIDTH, 300, 300, 10.0, 80, 0, 0}};
-        rc = 0;
-        for (int i = 0; i < 3 && rc == 0; ++i)
-            rc = image_jpeg_scale(utils_check_hw(), &cache, second, (out + char('a' + i)).c_str(),
-                                  image_xform(i * 3), &sizes[i], nullptr, nullptr);
-        if (rc == 0)
-            jpeg_finish_decompress(&cache.cinfo);
-    }
-    jpeg_destroy_decompress(&cache.cinfo);
-    image_jpeg_jcache_clean(&cache);
-    for (FILE *f : {first, second})
-        if (f)
-            std::fclose(f);
-    return rc;
+    const std::string a = out + 'a', b = out + 'b', c = out + 'c';
+    const HostRequest requests[] = {
+        {a.c_str(), IMAGE_XFORM_NONE, {IMAGE_SCALE_FIT_BOX, 100, 100, 10.0, 80, 0, 0}},
+        {b.c_str(), IMAGE_XFORM_TRANSPOSE, {IMAGE_SCALE_FILL_CENTRE, 48, 48, 10.0, 80, 1, 0}},
+        {c.c_str(), IMAGE_XFORM_ROT_180, {IMAGE_SCALE_FIT_WIDTH, 300, 300, 10.0, 80, 0, 0}}};
+    return host_scale(in.c_str(), requests, 3);
 }
 
 // The record goes to the output file, to be compared like a picture.

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <csetjmp>
+
 #include "common/common.h"
 
 namespace qbtest {
@@ -162,6 +164,38 @@ void capture_log(int32_t level, void *user, int32_t code, const char *file, int3
     std::vsnprintf(text + n, sizeof text - size_t(n), format, ap);
     va_end(ap);
     *static_cast<std::string *>(user) += text + std::string("\n");
+}
+
+int32_t host_scale(const char *in, const HostRequest *requests, int count)
+{
+    FILE *first = std::fopen(in, "rb"), *second = std::fopen(in, "rb");
+    image_jcache cache;
+    image_jpeg_error err;
+    volatile int32_t rc = 1;
+    image_jpeg_jcache_init(&cache, &err.mgr);
+    err.mgr.error_exit = image_jpeg_error_exit;
+    if (first && second && setjmp(err.jump) != 0) {
+        rc = 1;
+    } else if (first && second) {
+        jpeg_create_decompress(&cache.cinfo);
+        jpeg_stdio_src(&cache.cinfo, first);
+        jpeg_save_markers(&cache.cinfo, JPEG_APP0 + 2, 0xFFFF);
+        jpeg_read_header(&cache.cinfo, TRUE);
+        rc = 0;
+        for (int i = 0; i < count && rc == 0; ++i) {
+            const HostRequest &r = requests[i];
+            rc = image_jpeg_scale(utils_check_hw(), &cache, second, r.output, r.xform,
+                                  &r.params, r.stamp, r.overlay);
+        }
+        if (rc == 0)
+            jpeg_finish_decompress(&cache.cinfo);
+    }
+    jpeg_destroy_decompress(&cache.cinfo);
+    image_jpeg_jcache_clean(&cache);
+    for (FILE *f : {first, second})
+        if (f)
+            std::fclose(f);
+    return rc;
 }
 
 }  // namespace qbtest

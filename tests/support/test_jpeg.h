@@ -13,6 +13,8 @@
 
 #include <jpeglib.h>
 
+#include "qbimage.h"
+
 namespace qbtest {
 
 // An interleaved 8-bit picture.
@@ -93,5 +95,21 @@ inline bool is_reddish(const uint8_t *px, int components)
 {
     return components == 1 ? px[0] < 40 : px[0] > 150 && px[1] < 90 && px[2] < 90;
 }
+
+// One request of a host to image_jpeg_scale.
+struct HostRequest {
+    const char *output;
+    image_xform xform;
+    image_scale_params params;
+    const char *stamp = nullptr;
+    image_overlay *overlay = nullptr;
+};
+
+// Runs the requests through one decode cache the way a host does: two
+// handles of `in`, its own jump target, the decompressor finished and
+// destroyed. Returns the first failing scaler code, or 1 when the file
+// cannot be opened or libjpeg fails. Allocates nothing of its own, so the
+// fault suite can sweep it.
+int32_t host_scale(const char *in, const HostRequest *requests, int count);
 
 }  // namespace qbtest
